@@ -1,0 +1,28 @@
+#pragma once
+
+namespace endpointsecurity {
+class IEndpointSecurityApi;
+}
+namespace tarvex::itx::xpc {
+class IXPCConnector;
+}
+
+namespace tarvex::itx::rtn {
+
+class IDispatch;
+class IClock;
+
+// The operating-system seams the core runs on. The entry point installs the
+// platform's implementations before building any component; tests install
+// fakes. Components take their pointers at construction.
+struct Platform {
+  endpointsecurity::IEndpointSecurityApi* es = nullptr;
+  IDispatch* dispatch = nullptr;
+  IClock* clock = nullptr;
+  xpc::IXPCConnector* xpc = nullptr;
+};
+
+Platform& platform();
+void setPlatform(const Platform& seams);
+
+}  // namespace tarvex::itx::rtn

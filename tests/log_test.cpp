@@ -1,0 +1,110 @@
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+#include "log/log.h"
+#include "support/capture_sink.h"
+
+LUMO_LOG_MODULE("MAC_TESTLOG")
+
+namespace {
+
+using lumo::testing::CaptureSink;
+using tarvex::itx::log::LogArg;
+using tarvex::itx::log::LogType;
+using tarvex::itx::log::renderOsLog;
+
+std::string render(const char* fmt, std::initializer_list<LogArg> args) {
+  return renderOsLog(fmt, args.begin(), args.size());
+}
+
+TEST(LogFormat, RendersUnifiedLogDirectives) {
+  EXPECT_EQ(render("[%s %s@%d] Info:  Succeeded to init %{public}s\n",
+                   {"init", "sysextstartable.cpp", 27, "ClientDUP"}),
+            "[init sysextstartable.cpp@27] Info:  Succeeded to init ClientDUP\n");
+  EXPECT_EQ(render("mode %{bool}d and %{bool}d", {true, 0}), "mode true and false");
+  EXPECT_EQ(render("%u %d %llu %x %%", {4294967295u, -3, 18446744073709551615ull, 255}),
+            "4294967295 -3 18446744073709551615 ff %");
+  // %d takes an int: a 64-bit value is cut to 32 bits as printf would.
+  EXPECT_EQ(render("%d", {static_cast<long long>(0x1'0000'0005)}), "5");
+  EXPECT_EQ(render("%{public}s|%s|%{private}s", {nullptr, "x", "y"}), "(null)|x|y");
+}
+
+TEST(LogFormat, MissingArgumentsAndBrokenDirectivesDoNotReadPastTheArray) {
+  EXPECT_EQ(render("a %d b %{public}s c", {}), "a 0 b (null) c");
+  EXPECT_EQ(render("tail %", {}), "tail %");
+  EXPECT_EQ(render("open %{public", {}), "open %{public");
+}
+
+void tracedThatThrows() {
+  LOG_TRACE_SCOPE();
+  throw std::runtime_error("boom");
+}
+
+TEST(LogMacros, LinesCarryPrefixLevelWordAndModuleObjects) {
+  CaptureSink sink;
+  LOG_INFO("hello %{public}s\n", "there");
+  LOG_WARN("careful\n");
+  LOG_ERROR("bad %d\n", 7);
+  LOG_TRACE("step\n");
+  auto lines = sink.lines();
+  ASSERT_EQ(lines.size(), 4u);
+  EXPECT_EQ(lines[0].subsystem, "com.tarvex.lumo");
+  EXPECT_EQ(lines[0].category, "MAC_TESTLOG");
+  EXPECT_EQ(lines[0].type, LogType::Info);
+  EXPECT_EQ(lines[0].text.substr(0, 1), "[");
+  EXPECT_NE(lines[0].text.find(" log_test.cpp@"), std::string::npos);
+  EXPECT_NE(lines[0].text.find("] Info:  hello there\n"), std::string::npos);
+  // Warn goes out with the info type; Error has a single blank.
+  EXPECT_EQ(lines[1].type, LogType::Info);
+  EXPECT_NE(lines[1].text.find("] Warn:  careful\n"), std::string::npos);
+  EXPECT_EQ(lines[2].type, LogType::Error);
+  EXPECT_NE(lines[2].text.find("] Error: bad 7\n"), std::string::npos);
+  EXPECT_EQ(lines[3].subsystem, "com.tarvex.lumo.trace");
+  EXPECT_EQ(lines[3].type, LogType::Debug);
+  EXPECT_EQ(lines[3].text.find("[TestBody log_test.cpp@"), 0u);
+}
+
+TEST(LogMacros, AssertLogsOnlyWhenFalseAndNeverAborts) {
+  CaptureSink sink;
+  const char* policy = nullptr;
+  LOG_ASSERT(policy, "Missing argument.\n");
+  LOG_ASSERT(1 + 1 == 2, "never\n");
+  LOG_ASSERT(0, "Failed %d\n", 3);
+  auto lines = sink.lines();
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_NE(lines[0].text.find("] Assert:  Assertion failed: [ policy]Missing argument.\n"),
+            std::string::npos);
+  EXPECT_EQ(lines[0].type, LogType::Error);
+  EXPECT_NE(lines[1].text.find("Assertion failed: [ 0]Failed 3\n"), std::string::npos);
+}
+
+TEST(LogMacros, TracerLogsEntryAndExitEvenWhenUnwinding) {
+  CaptureSink sink;
+  EXPECT_THROW(tracedThatThrows(), std::runtime_error);
+  auto lines = sink.lines();
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_EQ(lines[0].text, "Func:   Entering: tracedThatThrows \n ");
+  EXPECT_EQ(lines[1].text, "Func:   Exiting: tracedThatThrows \n ");
+  EXPECT_EQ(lines[1].subsystem, "com.tarvex.lumo.trace");
+}
+
+int evaluations = 0;
+const char* counted() {
+  ++evaluations;
+  return "x";
+}
+
+TEST(LogMacros, DisabledDebugBuildsNoArguments) {
+  CaptureSink sink(/*debug=*/false);
+  LOG_DEBUG("%{public}s", counted());
+  LOG_TRACE("%{public}s", counted());
+  LOG_FUNC("%{public}s", counted());
+  { LOG_TRACE_SCOPE(); }
+  EXPECT_EQ(evaluations, 0);
+  EXPECT_TRUE(sink.lines().empty());
+  LOG_INFO("%{public}s", counted());
+  EXPECT_EQ(evaluations, 1);
+}
+
+}  // namespace
