@@ -1,0 +1,23 @@
+# Debian packages the project needs, installed on demand. Sourced by the
+# other scripts: install_deps build|run|apple
+deps_build=(cmake ninja-build g++ pkg-config protobuf-compiler protobuf-compiler-grpc
+  libprotobuf-dev libgrpc++-dev libsystemd-dev libgtest-dev libgmock-dev libbenchmark-dev)
+
+install_deps() {
+  local -a wanted=()
+  case "$1" in
+    build) wanted=("${deps_build[@]}") ;;
+    *) echo "install_deps: unknown set $1" >&2; return 1 ;;
+  esac
+  local -a missing=()
+  local p
+  for p in "${wanted[@]}"; do
+    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "ok installed" || missing+=("$p")
+  done
+  [ ${#missing[@]} -eq 0 ] && return 0
+  echo "Installing: ${missing[*]}"
+  local sudo=""
+  [ "$(id -u)" -ne 0 ] && sudo=sudo
+  $sudo apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
+}

@@ -1,0 +1,27 @@
+#!/usr/bin/env bash
+# Sets up a Debian machine for the build, builds, and runs every test: a
+# plain build, then under AddressSanitizer+UBSan and under ThreadSanitizer.
+#   LUMO_TEST_VARIANTS="plain address thread"   which builds to test
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+. scripts/deps.sh
+install_deps build
+
+variants=${LUMO_TEST_VARIANTS:-plain address thread}
+jobs=$(nproc)
+
+for variant in $variants; do
+  dir=build-test-$variant
+  sanitize=$variant
+  [ "$variant" = plain ] && sanitize=""
+  echo "=== $variant build ($dir)"
+  cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DLUMO_SANITIZE="$sanitize" -DLUMO_BUILD_BENCH="$([ "$variant" = plain ] && echo ON || echo OFF)" \
+    >/dev/null
+  cmake --build "$dir" -j "$jobs"
+  echo "=== $variant tests"
+  (cd "$dir" && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+      TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+      ctest --output-on-failure -j "$jobs" --timeout 300)
+done
