@@ -73,6 +73,43 @@ class FakeConnection : public tarvex::itx::xpc::IXPCConnection {
   tarvex::itx::xpc::SysextXPCInterface* exported_ = nullptr;
 };
 
+// Hands out fake connections to fake daemons and remembers them, newest
+// last, so a test can play the daemon and the connection's handlers.
+class FakeConnector : public tarvex::itx::xpc::IXPCConnector {
+ public:
+  struct Opened {
+    std::string serviceName;
+    uint64_t options;
+    std::shared_ptr<FakeConnection> connection;
+    std::shared_ptr<FakeDaemon> daemon;
+  };
+
+  std::shared_ptr<tarvex::itx::xpc::IXPCConnection> connect(const std::string& serviceName,
+                                                            uint64_t options) override {
+    auto daemon = std::make_shared<FakeDaemon>();
+    daemon->acceptRegistration = acceptRegistration;
+    auto connection = std::make_shared<FakeConnection>(daemon);
+    std::lock_guard<std::mutex> lock(mutex_);
+    opened_.push_back({serviceName, options, connection, daemon});
+    return connection;
+  }
+
+  std::vector<Opened> opened() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return opened_;
+  }
+  Opened last() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return opened_.back();
+  }
+
+  bool acceptRegistration = true;
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<Opened> opened_;
+};
+
 // Connects the shared XPC client to a fake daemon for the life of the
 // object, as if the daemon had accepted registration (or not).
 class FakeDaemonLink {

@@ -28,7 +28,7 @@ typedef struct {
   const uint8_t* data;
 } es_token_t;
 
-typedef enum {
+typedef enum : uint32_t {
   ES_EVENT_TYPE_AUTH_EXEC = 0,
   ES_EVENT_TYPE_AUTH_OPEN = 1,
   ES_EVENT_TYPE_AUTH_KEXTLOAD = 2,
@@ -74,27 +74,27 @@ typedef enum {
   ES_EVENT_TYPE_LAST = 128,
 } es_event_type_t;
 
-typedef enum {
+typedef enum : uint32_t {
   ES_ACTION_TYPE_AUTH = 0,
   ES_ACTION_TYPE_NOTIFY = 1,
 } es_action_type_t;
 
-typedef enum {
+typedef enum : uint32_t {
   ES_AUTH_RESULT_ALLOW = 0,
   ES_AUTH_RESULT_DENY = 1,
 } es_auth_result_t;
 
-typedef enum {
+typedef enum : uint32_t {
   ES_RESULT_TYPE_AUTH = 0,
   ES_RESULT_TYPE_FLAGS = 1,
 } es_result_type_t;
 
-typedef enum {
+typedef enum : uint32_t {
   ES_RETURN_SUCCESS = 0,
   ES_RETURN_ERROR = 1,
 } es_return_t;
 
-typedef enum {
+typedef enum : uint32_t {
   ES_RESPOND_RESULT_SUCCESS = 0,
   ES_RESPOND_RESULT_ERR_INVALID_ARGUMENT = 1,
   ES_RESPOND_RESULT_ERR_INTERNAL = 2,
@@ -103,7 +103,7 @@ typedef enum {
   ES_RESPOND_RESULT_ERR_EVENT_TYPE = 5,
 } es_respond_result_t;
 
-typedef enum {
+typedef enum : uint32_t {
   ES_NEW_CLIENT_RESULT_SUCCESS = 0,
   ES_NEW_CLIENT_RESULT_ERR_INVALID_ARGUMENT = 1,
   ES_NEW_CLIENT_RESULT_ERR_INTERNAL = 2,
@@ -113,18 +113,18 @@ typedef enum {
   ES_NEW_CLIENT_RESULT_ERR_TOO_MANY_CLIENTS = 6,
 } es_new_client_result_t;
 
-typedef enum {
+typedef enum : uint32_t {
   ES_CLEAR_CACHE_RESULT_SUCCESS = 0,
   ES_CLEAR_CACHE_RESULT_ERR_INTERNAL = 1,
   ES_CLEAR_CACHE_RESULT_ERR_THROTTLE = 2,
 } es_clear_cache_result_t;
 
-typedef enum {
+typedef enum : uint32_t {
   ES_DESTINATION_TYPE_EXISTING_FILE = 0,
   ES_DESTINATION_TYPE_NEW_PATH = 1,
 } es_destination_type_t;
 
-typedef enum {
+typedef enum : uint32_t {
   ES_MUTE_PATH_TYPE_PREFIX = 0,
   ES_MUTE_PATH_TYPE_LITERAL = 1,
   ES_MUTE_PATH_TYPE_TARGET_PREFIX = 2,
