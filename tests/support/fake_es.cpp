@@ -11,7 +11,8 @@ FakeEndpointSecurity::FakeEndpointSecurity() = default;
 
 FakeEndpointSecurity::~FakeEndpointSecurity() {
   for (const auto& [message, count] : refs_) {
-    EXPECT_EQ(count, 0) << "message " << message << " of type " << message->event_type
+    // The message itself may be gone by now: name it by address only.
+    EXPECT_EQ(count, 0) << "message " << static_cast<const void*>(message)
                         << " leaked: retained " << count << " more time(s) than released";
   }
 }
