@@ -32,16 +32,16 @@ unsigned long long asUnsigned(const LogArg& a) {
 }
 
 template <typename... T>
-void appendf(std::string& out, const char* spec, T... value) {
+void appendf(std::string& out, const char* directive, T... value) {
   char buf[128];
-  int n = std::snprintf(buf, sizeof buf, spec, value...);
+  int n = std::snprintf(buf, sizeof buf, directive, value...);
   if (n < 0) return;
   if (static_cast<size_t>(n) < sizeof buf) {
     out.append(buf, static_cast<size_t>(n));
     return;
   }
   std::string big(static_cast<size_t>(n) + 1, '\0');
-  std::snprintf(big.data(), big.size(), spec, value...);
+  std::snprintf(big.data(), big.size(), directive, value...);
   out.append(big.data(), static_cast<size_t>(n));
 }
 
@@ -73,12 +73,12 @@ std::string renderOsLog(const char* fmt, const LogArg* args, size_t count) {
       p = close + 1;
     }
     // Flags, width and precision are kept; the length is normalised below.
-    std::string spec = "%";
-    while (isFlag(*p)) spec.push_back(*p++);
-    while (isDigit(*p)) spec.push_back(*p++);
+    std::string directive = "%";
+    while (isFlag(*p)) directive.push_back(*p++);
+    while (isDigit(*p)) directive.push_back(*p++);
     if (*p == '.') {
-      spec.push_back(*p++);
-      while (isDigit(*p)) spec.push_back(*p++);
+      directive.push_back(*p++);
+      while (isDigit(*p)) directive.push_back(*p++);
     }
     int longs = 0;
     while (isLength(*p)) {
@@ -98,7 +98,7 @@ std::string renderOsLog(const char* fmt, const LogArg* args, size_t count) {
         if (isBool) {
           out.append(v != 0 ? "true" : "false");
         } else {
-          appendf(out, (spec + "lld").c_str(), v);
+          appendf(out, (directive + "lld").c_str(), v);
         }
         break;
       }
@@ -111,7 +111,7 @@ std::string renderOsLog(const char* fmt, const LogArg* args, size_t count) {
         if (isBool) {
           out.append(v != 0 ? "true" : "false");
         } else {
-          appendf(out, (spec + "ll" + conv).c_str(), v);
+          appendf(out, (directive + "ll" + conv).c_str(), v);
         }
         break;
       }
@@ -121,15 +121,15 @@ std::string renderOsLog(const char* fmt, const LogArg* args, size_t count) {
       case 'f':
       case 'g':
       case 'e':
-        appendf(out, (spec + conv).c_str(),
+        appendf(out, (directive + conv).c_str(),
                 arg.kind == LogArg::Kind::Double ? arg.dbl : static_cast<double>(asSigned(arg)));
         break;
       case 's': {
         const char* s = arg.kind == LogArg::Kind::String ? arg.str : nullptr;
-        if (spec.size() == 1) {
+        if (directive.size() == 1) {
           out.append(s != nullptr ? s : "(null)");
         } else {
-          appendf(out, (spec + 's').c_str(), s != nullptr ? s : "(null)");
+          appendf(out, (directive + 's').c_str(), s != nullptr ? s : "(null)");
         }
         break;
       }
