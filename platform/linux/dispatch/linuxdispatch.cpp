@@ -1,0 +1,81 @@
+#include "dispatch/linuxdispatch.h"
+
+#include <unistd.h>
+
+#include <utility>
+
+#include "dispatch/concurrentqueue.h"
+
+namespace tarvex::itx::rtn::linux_platform {
+
+namespace {
+
+const char* qosName(QosClass qos) {
+  switch (qos) {
+    case QosClass::UserInteractive:
+      return "interactive";
+    case QosClass::UserInitiated:
+      return "initiated";
+    case QosClass::Default:
+      return "default";
+    case QosClass::Utility:
+      return "utility";
+    case QosClass::Background:
+      return "background";
+  }
+  return "other";
+}
+
+}  // namespace
+
+LinuxDispatch::LinuxDispatch(IClock& clock, DispatchLimits limits)
+    : limits_(limits), timers_(clock) {}
+
+LinuxDispatch::~LinuxDispatch() {
+  timers_.stop();
+  std::vector<std::shared_ptr<WorkerPool>> pools;
+  std::map<QosClass, QueueRef> globals;
+  {
+    std::lock_guard lock(mutex_);
+    closing_ = true;
+    pools.swap(pools_);
+    globals.swap(globals_);
+  }
+  for (const auto& pool : pools) pool->shutdown();
+}
+
+QueueRef LinuxDispatch::createConcurrentQueue(const char* label, QosClass target) {
+  std::lock_guard lock(mutex_);
+  return makeQueueLocked(label ? label : "", target);
+}
+
+QueueRef LinuxDispatch::globalQueue(QosClass qos) {
+  std::lock_guard lock(mutex_);
+  QueueRef& queue = globals_[qos];
+  if (!queue) queue = makeQueueLocked(std::string("lumo.global.") + qosName(qos), qos);
+  return queue;
+}
+
+void LinuxDispatch::after(uint64_t when, const QueueRef& queue, Task task) {
+  if (queue) timers_.schedule(when, queue, std::move(task));
+}
+
+void LinuxDispatch::main() {
+  for (;;) pause();
+}
+
+QueueRef LinuxDispatch::makeQueueLocked(std::string label, QosClass qos) {
+  const unsigned cap =
+      qos == QosClass::UserInteractive ? limits_.interactiveThreads : limits_.otherThreads;
+  auto pool = std::make_shared<WorkerPool>(label, cap, limits_.idleTimeout);
+  if (closing_) {
+    pool->shutdown();  // no threads yet, so nothing is joined under the lock
+  } else {
+    // Forget pools whose queue is gone and whose workers have all exited.
+    std::erase_if(pools_, [](const std::shared_ptr<WorkerPool>& p) { return p->reap(); });
+    pools_.push_back(pool);
+  }
+  return std::make_shared<ConcurrentQueue>(std::move(label), std::move(pool));
+}
+
+}  // namespace tarvex::itx::rtn::linux_platform

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <chrono>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "dispatch/timerthread.h"
+#include "dispatch/workerpool.h"
+#include "rtn/clock.h"
+#include "rtn/dispatch.h"
+
+namespace tarvex::itx::rtn::linux_platform {
+
+struct DispatchLimits {
+  unsigned interactiveThreads = 64;  // per queue targeting UserInteractive
+  unsigned otherThreads = 16;        // per queue of any other class
+  std::chrono::milliseconds idleTimeout{5000};
+};
+
+// Dispatch on plain threads: every queue, global ones included, has its own
+// elastic pool, and one timer thread serves after().
+//
+// Destruction discards pending timers and queued tasks, waits for running
+// tasks to return and joins every thread; it must not run on one of its own
+// workers. Queues that outlive it drop whatever is posted to them.
+class LinuxDispatch final : public IDispatch {
+ public:
+  explicit LinuxDispatch(IClock& clock, DispatchLimits limits = {});
+  ~LinuxDispatch() override;
+  LinuxDispatch(const LinuxDispatch&) = delete;
+  LinuxDispatch& operator=(const LinuxDispatch&) = delete;
+
+  QueueRef createConcurrentQueue(const char* label, QosClass target) override;
+  QueueRef globalQueue(QosClass qos) override;
+  void after(uint64_t when, const QueueRef& queue, Task task) override;
+  [[noreturn]] void main() override;
+
+ private:
+  QueueRef makeQueueLocked(std::string label, QosClass qos);
+
+  const DispatchLimits limits_;
+  std::mutex mutex_;
+  std::vector<std::shared_ptr<WorkerPool>> pools_;
+  std::map<QosClass, QueueRef> globals_;
+  bool closing_ = false;
+  TimerThread timers_;
+};
+
+}  // namespace tarvex::itx::rtn::linux_platform

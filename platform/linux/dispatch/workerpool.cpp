@@ -1,0 +1,148 @@
+#include "dispatch/workerpool.h"
+
+#include <algorithm>
+#include <system_error>
+#include <utility>
+
+#include "dispatch/threadname.h"
+
+namespace tarvex::itx::rtn::linux_platform {
+
+WorkerPool::WorkerPool(std::string name, unsigned maxThreads, std::chrono::milliseconds idleTimeout)
+    : name_(std::move(name)), maxThreads_(std::max(maxThreads, 1u)), idleTimeout_(idleTimeout) {}
+
+WorkerPool::~WorkerPool() { shutdown(); }
+
+void WorkerPool::post(Task task) {
+  std::list<std::thread> exited;
+  bool notify;
+  {
+    std::lock_guard lock(mutex_);
+    if (stopping_) return;
+    tasks_.push_back(std::move(task));
+    if (!exited_.empty()) exited.swap(exited_);  // rare: workers that timed out
+    notify = recruitLocked();
+  }
+  if (notify) wake_.notify_one();
+  joinAll(exited);
+}
+
+void WorkerPool::release() {
+  {
+    std::lock_guard lock(mutex_);
+    released_ = true;
+    // Queued work must not be stranded when an earlier spawn failed.
+    if (!stopping_ && live_ == 0 && !tasks_.empty()) recruitLocked();
+  }
+  wake_.notify_all();
+}
+
+void WorkerPool::shutdown() {
+  std::deque<Task> dropped;
+  std::list<std::thread> threads;
+  {
+    std::lock_guard lock(mutex_);
+    stopping_ = true;
+    dropped.swap(tasks_);
+    threads.swap(workers_);
+    threads.splice(threads.end(), exited_);
+  }
+  wake_.notify_all();
+  // Captures may post or drop queues on destruction; no lock is held here.
+  dropped.clear();
+  joinAll(threads);
+}
+
+bool WorkerPool::reap() {
+  std::list<std::thread> exited;
+  bool done;
+  {
+    std::lock_guard lock(mutex_);
+    exited.swap(exited_);
+    done = released_ && live_ == 0;
+  }
+  joinAll(exited);
+  return done;
+}
+
+unsigned WorkerPool::liveThreads() {
+  std::lock_guard lock(mutex_);
+  return live_;
+}
+
+// Brings one more worker to the queue: a waiting one if there is one, else a
+// new thread. Only one is brought at a time; it recruits the next when it
+// finds more work behind its own. That keeps a steady stream of posts from
+// waking or spawning a thread per task, while a backlog (or workers stuck in
+// tasks) still grows the pool to its cap. True when a waiter must be woken.
+bool WorkerPool::recruitLocked() {
+  if (wakeups_ + starting_ > 0) return false;
+  if (idle_ > 0) {
+    --idle_;
+    ++wakeups_;
+    return true;
+  }
+  if (live_ < maxThreads_) spawnLocked();
+  return false;
+}
+
+void WorkerPool::spawnLocked() {
+  // Created under the lock so the thread is in workers_ before it can look
+  // itself up there on exit.
+  try {
+    workers_.emplace_back(&WorkerPool::workerMain, this);
+    ++live_;
+    ++starting_;
+  } catch (const std::system_error&) {
+    // Out of threads: the task waits for a running worker or the next post.
+  }
+}
+
+void WorkerPool::workerMain() {
+  nameThread(name_);
+  std::unique_lock lock(mutex_);
+  --starting_;
+  for (;;) {
+    if (!tasks_.empty()) {
+      {
+        Task task = std::move(tasks_.front());
+        tasks_.pop_front();
+        const bool notify = !tasks_.empty() && recruitLocked();
+        lock.unlock();
+        if (notify) wake_.notify_one();
+        task();
+      }
+      lock.lock();
+      continue;
+    }
+    if (stopping_ || released_) break;
+    ++idle_;
+    const bool woken = wake_.wait_for(lock, idleTimeout_,
+                                      [this] { return wakeups_ > 0 || stopping_ || released_; });
+    if (wakeups_ > 0) {
+      --wakeups_;  // whoever woke us already took us off idle_
+      continue;
+    }
+    --idle_;
+    if (!woken) break;
+  }
+  retireLocked();
+}
+
+void WorkerPool::retireLocked() {
+  --live_;
+  if (stopping_) return;  // shutdown() owns the thread objects now
+  const auto self = std::this_thread::get_id();
+  auto it = std::find_if(workers_.begin(), workers_.end(),
+                         [self](const std::thread& t) { return t.get_id() == self; });
+  if (it != workers_.end()) exited_.splice(exited_.end(), workers_, it);
+}
+
+void WorkerPool::joinAll(std::list<std::thread>& threads) {
+  for (std::thread& thread : threads) {
+    if (thread.joinable()) thread.join();
+  }
+  threads.clear();
+}
+
+}  // namespace tarvex::itx::rtn::linux_platform

@@ -1,0 +1,67 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <list>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "rtn/dispatch.h"
+
+namespace tarvex::itx::rtn::linux_platform {
+
+// The threads behind one queue. Starts with none; while tasks wait and no
+// worker is free for them, it adds threads up to maxThreads, and a worker
+// left without work for idleTimeout exits. Pools never share threads, so a
+// pool whose workers are all stuck cannot hold up another pool.
+class WorkerPool {
+ public:
+  WorkerPool(std::string name, unsigned maxThreads, std::chrono::milliseconds idleTimeout);
+  ~WorkerPool();
+  WorkerPool(const WorkerPool&) = delete;
+  WorkerPool& operator=(const WorkerPool&) = delete;
+
+  void post(Task task);
+
+  // The owning queue is gone: tasks already queued still run, then the
+  // workers exit without waiting out the idle time-out.
+  void release();
+
+  // Stops for good: drops queued tasks, waits for running ones to return and
+  // joins every worker. Later posts are dropped. Must not run on a worker.
+  void shutdown();
+
+  // Joins exited workers; true once released and no worker is left.
+  bool reap();
+
+  unsigned liveThreads();
+
+ private:
+  bool recruitLocked();
+  void spawnLocked();
+  void workerMain();
+  void retireLocked();
+  static void joinAll(std::list<std::thread>& threads);
+
+  const std::string name_;
+  const unsigned maxThreads_;
+  const std::chrono::milliseconds idleTimeout_;
+
+  std::mutex mutex_;
+  std::condition_variable wake_;
+  std::deque<Task> tasks_;
+  std::list<std::thread> workers_;
+  std::list<std::thread> exited_;  // returned from workerMain, not joined yet
+  unsigned live_ = 0;
+  // Waiting workers nobody has woken yet. Waking one takes it off this count
+  // and leaves a wakeup token for whichever waiter gets there first.
+  unsigned idle_ = 0;
+  unsigned wakeups_ = 0;
+  unsigned starting_ = 0;  // spawned, not yet at the queue
+  bool released_ = false;
+  bool stopping_ = false;
+};
+
+}  // namespace tarvex::itx::rtn::linux_platform
