@@ -67,7 +67,9 @@ void LinuxDispatch::main() {
 QueueRef LinuxDispatch::makeQueueLocked(std::string label, QosClass qos) {
   const unsigned cap =
       qos == QosClass::UserInteractive ? limits_.interactiveThreads : limits_.otherThreads;
-  auto pool = std::make_shared<WorkerPool>(label, cap, limits_.idleTimeout);
+  const auto spin =
+      qos == QosClass::UserInteractive ? limits_.interactiveSpin : std::chrono::microseconds(0);
+  auto pool = std::make_shared<WorkerPool>(label, cap, limits_.idleTimeout, spin);
   if (closing_) {
     pool->shutdown();  // no threads yet, so nothing is joined under the lock
   } else {

@@ -18,6 +18,9 @@ struct DispatchLimits {
   unsigned interactiveThreads = 64;  // per queue targeting UserInteractive
   unsigned otherThreads = 16;        // per queue of any other class
   std::chrono::milliseconds idleTimeout{5000};
+  // How long an idle worker of a UserInteractive queue keeps looking for
+  // work before it sleeps: AUTH messages must not wait for a thread to wake.
+  std::chrono::microseconds interactiveSpin{50};
 };
 
 // Dispatch on plain threads: every queue, global ones included, has its own

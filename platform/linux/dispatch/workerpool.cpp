@@ -8,8 +8,12 @@
 
 namespace tarvex::itx::rtn::linux_platform {
 
-WorkerPool::WorkerPool(std::string name, unsigned maxThreads, std::chrono::milliseconds idleTimeout)
-    : name_(std::move(name)), maxThreads_(std::max(maxThreads, 1u)), idleTimeout_(idleTimeout) {}
+WorkerPool::WorkerPool(std::string name, unsigned maxThreads, std::chrono::milliseconds idleTimeout,
+                       std::chrono::microseconds spin)
+    : name_(std::move(name)),
+      maxThreads_(std::max(maxThreads, 1u)),
+      idleTimeout_(idleTimeout),
+      spin_(spin) {}
 
 WorkerPool::~WorkerPool() { shutdown(); }
 
@@ -20,8 +24,10 @@ void WorkerPool::post(Task task) {
     std::lock_guard lock(mutex_);
     if (stopping_) return;
     tasks_.push_back(std::move(task));
+    queued_.store(tasks_.size(), std::memory_order_relaxed);
     if (!exited_.empty()) exited.swap(exited_);  // rare: workers that timed out
-    notify = recruitLocked();
+    // A spinning worker will find the task without being woken.
+    notify = spinning_ == 0 && recruitLocked();
   }
   if (notify) wake_.notify_one();
   joinAll(exited);
@@ -44,6 +50,7 @@ void WorkerPool::shutdown() {
     std::lock_guard lock(mutex_);
     stopping_ = true;
     dropped.swap(tasks_);
+    queued_.store(0, std::memory_order_relaxed);
     threads.swap(workers_);
     threads.splice(threads.end(), exited_);
   }
@@ -107,6 +114,7 @@ void WorkerPool::workerMain() {
       {
         Task task = std::move(tasks_.front());
         tasks_.pop_front();
+        queued_.store(tasks_.size(), std::memory_order_relaxed);
         const bool notify = !tasks_.empty() && recruitLocked();
         lock.unlock();
         if (notify) wake_.notify_one();
@@ -116,6 +124,7 @@ void WorkerPool::workerMain() {
       continue;
     }
     if (stopping_ || released_) break;
+    if (spin_.count() > 0 && spinForWork(lock)) continue;
     ++idle_;
     const bool woken = wake_.wait_for(lock, idleTimeout_,
                                       [this] { return wakeups_ > 0 || stopping_ || released_; });
@@ -127,6 +136,23 @@ void WorkerPool::workerMain() {
     if (!woken) break;
   }
   retireLocked();
+}
+
+bool WorkerPool::spinForWork(std::unique_lock<std::mutex>& lock) {
+  ++spinning_;
+  lock.unlock();
+  const auto until = std::chrono::steady_clock::now() + spin_;
+  while (queued_.load(std::memory_order_relaxed) == 0 &&
+         std::chrono::steady_clock::now() < until) {
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#endif
+  }
+  lock.lock();
+  --spinning_;
+  // Whatever the spin saw, the queue is judged under the lock: a post that
+  // relied on us spinning is never left behind.
+  return !tasks_.empty();
 }
 
 void WorkerPool::retireLocked() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -18,7 +19,8 @@ namespace tarvex::itx::rtn::linux_platform {
 // pool whose workers are all stuck cannot hold up another pool.
 class WorkerPool {
  public:
-  WorkerPool(std::string name, unsigned maxThreads, std::chrono::milliseconds idleTimeout);
+  WorkerPool(std::string name, unsigned maxThreads, std::chrono::milliseconds idleTimeout,
+             std::chrono::microseconds spin = std::chrono::microseconds(0));
   ~WorkerPool();
   WorkerPool(const WorkerPool&) = delete;
   WorkerPool& operator=(const WorkerPool&) = delete;
@@ -42,12 +44,15 @@ class WorkerPool {
   bool recruitLocked();
   void spawnLocked();
   void workerMain();
+  // Looks for work without the lock for up to spin_; true if some came.
+  bool spinForWork(std::unique_lock<std::mutex>& lock);
   void retireLocked();
   static void joinAll(std::list<std::thread>& threads);
 
   const std::string name_;
   const unsigned maxThreads_;
   const std::chrono::milliseconds idleTimeout_;
+  const std::chrono::microseconds spin_;
 
   std::mutex mutex_;
   std::condition_variable wake_;
@@ -60,6 +65,8 @@ class WorkerPool {
   unsigned idle_ = 0;
   unsigned wakeups_ = 0;
   unsigned starting_ = 0;  // spawned, not yet at the queue
+  unsigned spinning_ = 0;  // looking for work without the lock
+  std::atomic<size_t> queued_{0};  // tasks_.size(), for spinners
   bool released_ = false;
   bool stopping_ = false;
 };
