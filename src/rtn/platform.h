@@ -25,4 +25,8 @@ struct Platform {
 Platform& platform();
 void setPlatform(const Platform& seams);
 
+// Builds this platform's seams and the log sink and installs them; the
+// process entry calls it first. False when the process can't go on.
+bool installPlatform(int argc, char** argv);
+
 }  // namespace tarvex::itx::rtn
