@@ -139,4 +139,13 @@ class SysExtXPCClientTestPeer {
     client.setLink(std::move(connection), std::move(daemon));
     client.setListenerActive(listening);
   }
+
+  // Stops the link and forgets the timestamps, as a new process would.
+  static void reset() {
+    SysExtXPCClient& client = SysExtXPCClient::sharedInstance();
+    client.stop();
+    client.setLink(nullptr, nullptr);
+    client.lastPolicySettingTimestamp_.store(0);
+    client.lastExclusionsSettingTimestamp_.store(0);
+  }
 };
