@@ -1,0 +1,185 @@
+#include "xpc/framecodec.h"
+
+#include <unordered_set>
+#include <utility>
+
+#include "daemonlink.pb.h"
+#include "xpc/utf8.h"
+
+namespace tarvex::itx::xpc::linux_platform {
+
+namespace {
+
+namespace wire = ::lumo::link;
+
+std::string quoted(std::string_view text) {
+  constexpr size_t kShown = 64;
+  std::string out = "\"";
+  out.append(text.substr(0, kShown));
+  if (text.size() > kShown) out += "...";
+  return out + "\"";
+}
+
+bool toWire(const Value& in, wire::Value* out, int depth, std::string* error) {
+  if (depth > kMaxValueDepth) {
+    *error = "values nested deeper than " + std::to_string(kMaxValueDepth) + " levels";
+    return false;
+  }
+  if (in.isNil()) {
+    out->mutable_nil();
+  } else if (const std::string* s = in.string()) {
+    out->set_string(*s);
+  } else if (const Number* n = in.number()) {
+    switch (n->kind) {
+      case NumberKind::Int: out->set_int_(n->intValue()); break;
+      case NumberKind::UnsignedInt: out->set_unsigned_int(n->unsignedIntValue()); break;
+      case NumberKind::LongLong: out->set_long_long(n->asSigned()); break;
+      case NumberKind::UnsignedLongLong: out->set_unsigned_long_long(n->bits); break;
+      case NumberKind::Bool: out->set_bool_(n->bits != 0); break;
+    }
+  } else if (const Dictionary* d = in.dictionary()) {
+    wire::Dictionary* dict = out->mutable_dictionary();
+    for (const DictEntry& e : d->entries) {
+      wire::DictEntry* entry = dict->add_entries();
+      entry->set_key(e.key);
+      if (!toWire(e.value, entry->mutable_value(), depth + 1, error)) return false;
+    }
+  } else if (const Array* a = in.array()) {
+    wire::Array* array = out->mutable_array();
+    for (const Value& item : a->items) {
+      if (!toWire(item, array->add_items(), depth + 1, error)) return false;
+    }
+  }
+  return true;
+}
+
+bool fromWire(const wire::Value& in, Value* out, int depth, std::string* error) {
+  if (depth > kMaxValueDepth) {
+    *error = "values nested deeper than " + std::to_string(kMaxValueDepth) + " levels";
+    return false;
+  }
+  switch (in.kind_case()) {
+    case wire::Value::kNil: *out = Value(); return true;
+    case wire::Value::kString:
+      if (!isValidUtf8(in.string())) {
+        *error = "string value is not valid UTF-8";
+        return false;
+      }
+      *out = Value(in.string());
+      return true;
+    case wire::Value::kInt: *out = Value(Number::ofInt(in.int_())); return true;
+    case wire::Value::kUnsignedInt:
+      *out = Value(Number::ofUnsignedInt(in.unsigned_int()));
+      return true;
+    case wire::Value::kLongLong: *out = Value(Number::ofLongLong(in.long_long())); return true;
+    case wire::Value::kUnsignedLongLong:
+      *out = Value(Number::ofUnsignedLongLong(in.unsigned_long_long()));
+      return true;
+    case wire::Value::kBool: *out = Value(Number::ofBool(in.bool_())); return true;
+    case wire::Value::kDictionary: {
+      Dictionary dict;
+      dict.entries.reserve(in.dictionary().entries_size());
+      std::unordered_set<std::string_view> keys;
+      for (const wire::DictEntry& e : in.dictionary().entries()) {
+        if (!isValidUtf8(e.key())) {
+          *error = "dictionary key is not valid UTF-8";
+          return false;
+        }
+        if (!keys.insert(e.key()).second) {
+          *error = "dictionary key " + quoted(e.key()) + " appears twice";
+          return false;
+        }
+        DictEntry entry{e.key(), Value()};
+        if (!fromWire(e.value(), &entry.value, depth + 1, error)) return false;
+        dict.entries.push_back(std::move(entry));
+      }
+      *out = Value(std::move(dict));
+      return true;
+    }
+    case wire::Value::kArray: {
+      Array array;
+      array.items.reserve(in.array().items_size());
+      for (const wire::Value& item : in.array().items()) {
+        array.items.emplace_back();
+        if (!fromWire(item, &array.items.back(), depth + 1, error)) return false;
+      }
+      *out = Value(std::move(array));
+      return true;
+    }
+    case wire::Value::KIND_NOT_SET: break;
+  }
+  *error = "value of no known kind";
+  return false;
+}
+
+std::string tooLarge(size_t size, size_t limit) {
+  return "frame of " + std::to_string(size) + " bytes exceeds the " + std::to_string(limit) +
+         "-byte limit";
+}
+
+}  // namespace
+
+std::optional<std::string> encodeFrame(const Frame& frame, std::string* error, size_t maxBytes) {
+  wire::Frame out;
+  if (const CallFrame* call = std::get_if<CallFrame>(&frame)) {
+    wire::Call* c = out.mutable_call();
+    c->set_selector(call->selector);
+    for (const Value& arg : call->args) {
+      if (!toWire(arg, c->add_args(), 1, error)) return std::nullopt;
+    }
+    if (call->replyId) c->set_reply_id(*call->replyId);
+  } else {
+    const ReplyFrame& reply = std::get<ReplyFrame>(frame);
+    out.mutable_reply()->set_reply_id(reply.replyId);
+    out.mutable_reply()->set_value(reply.value);
+  }
+  const size_t size = out.ByteSizeLong();
+  if (size > maxBytes) {
+    *error = tooLarge(size, maxBytes);
+    return std::nullopt;
+  }
+  std::string bytes;
+  out.SerializeToString(&bytes);
+  return bytes;
+}
+
+std::optional<Frame> decodeFrame(std::string_view bytes, std::string* error) {
+  if (bytes.size() > kMaxFrameBytes) {
+    *error = tooLarge(bytes.size(), kMaxFrameBytes);
+    return std::nullopt;
+  }
+  wire::Frame in;
+  if (!in.ParseFromArray(bytes.data(), static_cast<int>(bytes.size()))) {
+    *error = "unparseable frame of " + std::to_string(bytes.size()) +
+             " bytes (truncated, or not a link frame)";
+    return std::nullopt;
+  }
+  switch (in.body_case()) {
+    case wire::Frame::kCall: {
+      const wire::Call& c = in.call();
+      if (!isValidUtf8(c.selector())) {
+        *error = "selector is not valid UTF-8";
+        return std::nullopt;
+      }
+      CallFrame call;
+      call.selector = c.selector();
+      call.args.resize(c.args_size());
+      for (int i = 0; i < c.args_size(); ++i) {
+        if (!fromWire(c.args(i), &call.args[i], 1, error)) {
+          *error = "argument " + std::to_string(i + 1) + " of " + quoted(call.selector) + ": " +
+                   *error;
+          return std::nullopt;
+        }
+      }
+      if (c.has_reply_id()) call.replyId = c.reply_id();
+      return Frame(std::move(call));
+    }
+    case wire::Frame::kReply:
+      return Frame(ReplyFrame{in.reply().reply_id(), in.reply().value()});
+    case wire::Frame::BODY_NOT_SET: break;
+  }
+  *error = "frame of " + std::to_string(bytes.size()) + " bytes is neither a call nor a reply";
+  return std::nullopt;
+}
+
+}  // namespace tarvex::itx::xpc::linux_platform

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "xpc/linkframe.h"
+
+namespace tarvex::itx::xpc::linux_platform {
+
+// Values nested deeper than this are refused both ways; the link's own
+// payloads stay within four levels.
+constexpr int kMaxValueDepth = 32;
+
+// One socket message's bytes for a frame: a lumo.link.Frame. Nullopt, with
+// `error` saying why, when the frame is larger than maxBytes or a value is
+// nested too deep.
+std::optional<std::string> encodeFrame(const Frame& frame, std::string* error,
+                                       size_t maxBytes = kMaxFrameBytes);
+
+// The frame in one socket message. Nullopt, with `error` naming the problem,
+// for a message that is oversized, unparseable (truncated, not a Frame),
+// neither a call nor a reply, or carries a value the link cannot hold (text
+// that is not UTF-8, a value of no kind, a repeated dictionary key, too deep).
+std::optional<Frame> decodeFrame(std::string_view bytes, std::string* error);
+
+}  // namespace tarvex::itx::xpc::linux_platform

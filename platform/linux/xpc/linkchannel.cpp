@@ -1,0 +1,470 @@
+#include "xpc/linkchannel.h"
+
+#include <errno.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include "dispatch/threadname.h"
+#include "log/log.h"
+#include "xpc/framecodec.h"
+#include "xpc/peercheck.h"
+#include "xpc/seqpacket.h"
+
+LUMO_LOG_MODULE("MAC_ES_SERVICE_XPC")
+
+namespace tarvex::itx::xpc::linux_platform {
+
+namespace {
+
+// Frames read per wake-up before queued writes get their turn.
+constexpr int kFramesPerWake = 64;
+
+struct ThreadCount {
+  std::mutex mutex;
+  std::condition_variable none;
+  size_t live = 0;
+};
+
+ThreadCount& threadCount() {
+  static ThreadCount* count = new ThreadCount();  // outlives detached threads at exit
+  return *count;
+}
+
+void threadStarted() {
+  ThreadCount& c = threadCount();
+  std::lock_guard lock(c.mutex);
+  ++c.live;
+}
+
+void threadEnded() {
+  ThreadCount& c = threadCount();
+  std::lock_guard lock(c.mutex);
+  if (--c.live == 0) c.none.notify_all();
+}
+
+}  // namespace
+
+bool waitForLinkThreads(std::chrono::milliseconds timeout) {
+  ThreadCount& c = threadCount();
+  std::unique_lock lock(c.mutex);
+  return c.none.wait_for(lock, timeout, [&] { return c.live == 0; });
+}
+
+LinkChannel::LinkChannel(Settings settings)
+    : settings_(std::move(settings)),
+      wakeFd_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
+      fd_(settings_.connectedFd) {}
+
+LinkChannel::~LinkChannel() {
+  if (fd_ >= 0) ::close(fd_);
+  if (wakeFd_ >= 0) ::close(wakeFd_);
+}
+
+void LinkChannel::setInbound(Inbound inbound) {
+  std::lock_guard lock(mutex_);
+  if (!dead_) inbound_ = std::move(inbound);
+}
+
+void LinkChannel::setInterruptionHandler(std::function<void()> handler) {
+  std::lock_guard lock(mutex_);
+  if (!dead_) onInterruption_ = std::move(handler);
+}
+
+void LinkChannel::setInvalidationHandler(std::function<void()> handler) {
+  std::lock_guard lock(mutex_);
+  if (!dead_) onInvalidation_ = std::move(handler);
+}
+
+void LinkChannel::resume() {
+  std::lock_guard lock(mutex_);
+  if (resumed_) return;
+  resumed_ = true;
+  startThreadLocked();
+}
+
+void LinkChannel::invalidate() {
+  std::lock_guard lock(mutex_);
+  if (invalidated_) return;
+  invalidated_ = true;
+  // Even a link never resumed reports its invalidation.
+  if (!dead_) startThreadLocked();
+  wakeLocked();
+}
+
+void LinkChannel::close() {
+  std::lock_guard lock(mutex_);
+  closing_ = true;
+  wakeLocked();
+}
+
+void LinkChannel::send(CallFrame call, ReplyBlock reply, ErrorHandler onError) {
+  if (call.replyId) call.replyId = nextReplyId_.fetch_add(1);
+  std::string error;
+  std::optional<std::string> bytes = encodeFrame(call, &error);
+  bool firstDrop = false;
+  {
+    std::lock_guard lock(mutex_);
+    if (closing_ || invalidated_) return;
+    if (bytes && !dead_) {
+      if (outbox_.size() >= kMaxQueuedFrames) {
+        firstDrop = droppedWhileFull_++ == 0;
+      } else {
+        if (call.replyId) awaited_[*call.replyId] = {std::move(reply), onError};
+        outbox_.push_back({std::move(*bytes), call.selector, call.replyId, std::move(onError)});
+        wakeLocked();
+        return;
+      }
+    } else if (onError) {
+      const std::string text = bytes ? deadReason_ : "cannot send " + call.selector + ": " + error;
+      tasks_.push_back([onError = std::move(onError), text] { onError(text); });
+      wakeLocked();
+    }
+  }
+  if (!bytes) {
+    LOG_ERROR("Cannot send %{public}s on the link to %{public}s: %{public}s\n",
+              call.selector.c_str(), settings_.serviceName.c_str(), error.c_str());
+  } else if (firstDrop) {
+    LOG_ERROR("Send queue of the link to %{public}s is full (%zu frames); dropping calls until "
+              "it drains\n",
+              settings_.serviceName.c_str(), kMaxQueuedFrames);
+  }
+}
+
+void LinkChannel::startThreadLocked() {
+  if (threadStarted_) return;
+  threadStarted_ = true;
+  threadStarted();
+  try {
+    std::thread([self = shared_from_this()]() mutable {
+      self->run();
+      self.reset();
+      threadEnded();
+    }).detach();
+  } catch (const std::system_error& e) {
+    threadEnded();
+    dead_ = true;
+    deadReason_ = std::string("the link to ") + settings_.serviceName + " has no thread";
+    // Logged under the lock: the sink never calls back into the link.
+    LOG_ERROR("Cannot start the link to %{public}s: %{public}s\n", settings_.serviceName.c_str(),
+              e.what());
+  }
+}
+
+void LinkChannel::wakeLocked() {
+  changed_.notify_all();
+  const uint64_t one = 1;
+  if (wakeFd_ >= 0) {
+    [[maybe_unused]] const ssize_t n = write(wakeFd_, &one, sizeof one);
+  }
+}
+
+void LinkChannel::run() {
+  rtn::linux_platform::nameThread("lumo.xpc.link");
+  std::string why;
+  std::optional<End> end;
+  if (fd_ < 0) {
+    end = connect(&why);
+  } else {
+    established_ = true;  // the listener admitted it
+  }
+  if (!end) end = pump(&why);
+  finish(*end, why);
+  if (*end != End::Closed) serveLateCalls();
+}
+
+// Waits for the first call (the platform connects on first use, and the
+// caller installs its handlers after resume), then connects.
+std::optional<LinkChannel::End> LinkChannel::connect(std::string* why) {
+  {
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [&] { return closing_ || invalidated_ || !outbox_.empty(); });
+    if (closing_) return End::Closed;
+    if (invalidated_) return End::Invalidated;
+  }
+  if (!settings_.setupError.empty()) {
+    *why = settings_.setupError;
+    return End::Failed;
+  }
+  fd_ = openSeqpacketSocket();
+  if (fd_ < 0) {
+    *why = "cannot create a socket: " + errnoText(errno);
+    return End::Failed;
+  }
+  const sockaddr_un address = socketAddress(settings_.socketPath);
+  if (::connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    *why = "cannot connect to " + settings_.socketPath + ": " + errnoText(errno);
+    return End::Failed;
+  }
+  PeerCredentials peer;
+  if (!admitPeer(fd_, settings_.privileged, settings_.serviceName, &peer)) {
+    *why = "peer pid " + std::to_string(peer.pid) + " uid " + std::to_string(peer.uid) +
+           " refused";
+    return End::Failed;
+  }
+  established_ = true;
+  LOG_DEBUG("Connected to %{public}s, peer pid %d\n", settings_.serviceName.c_str(),
+            static_cast<int>(peer.pid));
+  return std::nullopt;
+}
+
+LinkChannel::End LinkChannel::pump(std::string* why) {
+  if (wakeFd_ < 0) {
+    *why = "cannot create the link's wake-up descriptor";
+    return End::Failed;
+  }
+  buffer_ = std::make_unique<char[]>(kMaxFrameBytes);
+  for (;;) {
+    runTasks();
+    bool wantWrite;
+    {
+      std::lock_guard lock(mutex_);
+      if (closing_) return End::Closed;
+      if (invalidated_) return End::Invalidated;
+      wantWrite = !outbox_.empty();
+    }
+    pollfd fds[2] = {{fd_, static_cast<short>(POLLIN | (wantWrite ? POLLOUT : 0)), 0},
+                     {wakeFd_, POLLIN, 0}};
+    if (poll(fds, 2, -1) < 0) {
+      if (errno == EINTR) continue;
+      *why = "cannot wait on the socket: " + errnoText(errno);
+      return End::Failed;
+    }
+    if (fds[1].revents & POLLIN) {
+      uint64_t count;
+      [[maybe_unused]] const ssize_t n = read(wakeFd_, &count, sizeof count);
+    }
+    // Reads first: a peer that wrote and closed is heard before its EPIPE.
+    if (fds[0].revents & (POLLIN | POLLHUP | POLLERR)) {
+      if (std::optional<End> end = readFrames(why)) return *end;
+    }
+    if (fds[0].revents & POLLOUT) {
+      if (std::optional<End> end = writeFrames(why)) return *end;
+    }
+  }
+}
+
+void LinkChannel::runTasks() {
+  std::deque<Task> tasks;
+  {
+    std::lock_guard lock(mutex_);
+    tasks.swap(tasks_);
+  }
+  for (Task& task : tasks) task();
+}
+
+std::optional<LinkChannel::End> LinkChannel::readFrames(std::string* why) {
+  for (int i = 0; i < kFramesPerWake; ++i) {
+    {
+      std::lock_guard lock(mutex_);
+      if (closing_ || invalidated_) return std::nullopt;
+    }
+    // MSG_TRUNC: the message's real length, even past the buffer.
+    const ssize_t n = recv(fd_, buffer_.get(), kMaxFrameBytes, MSG_TRUNC);
+    if (n < 0) {
+      const int err = errno;
+      if (err == EAGAIN || err == EWOULDBLOCK) return std::nullopt;
+      if (err == EINTR) continue;
+      if (err == ECONNRESET) return End::PeerGone;
+      *why = "cannot read from the socket: " + errnoText(err);
+      return End::Failed;
+    }
+    if (n == 0) return End::PeerGone;
+    if (static_cast<size_t>(n) > kMaxFrameBytes) {
+      *why = "frame of " + std::to_string(n) + " bytes exceeds the " +
+             std::to_string(kMaxFrameBytes) + "-byte limit";
+      return End::Failed;
+    }
+    std::optional<Frame> frame = decodeFrame({buffer_.get(), static_cast<size_t>(n)}, why);
+    if (!frame) return End::Failed;
+    if (std::optional<End> end = handle(std::move(*frame), why)) return end;
+  }
+  return std::nullopt;
+}
+
+std::optional<LinkChannel::End> LinkChannel::writeFrames(std::string* why) {
+  for (;;) {
+    Outgoing out;
+    size_t dropped = 0;
+    {
+      std::lock_guard lock(mutex_);
+      if (outbox_.empty()) {
+        std::swap(dropped, droppedWhileFull_);
+      } else {
+        out = std::move(outbox_.front());
+        outbox_.pop_front();
+      }
+    }
+    if (out.bytes.empty()) {
+      if (dropped > 0) {
+        LOG_WARN("Send queue of the link to %{public}s drained; %zu calls were dropped\n",
+                 settings_.serviceName.c_str(), dropped);
+      }
+      return std::nullopt;
+    }
+    if (::send(fd_, out.bytes.data(), out.bytes.size(), MSG_NOSIGNAL) >= 0) continue;
+    const int err = errno;
+    if (err == EMSGSIZE) {
+      // The socket's buffers are smaller than a full frame (no privilege to
+      // raise them): this call is lost, the link is not.
+      const std::string text = out.selector + " of " + std::to_string(out.bytes.size()) +
+                               " bytes is larger than the socket takes";
+      LOG_ERROR("Dropping %{public}s on the link to %{public}s\n", text.c_str(),
+                settings_.serviceName.c_str());
+      if (out.replyId) {
+        std::lock_guard lock(mutex_);
+        awaited_.erase(*out.replyId);
+      }
+      if (out.onError) out.onError(text);
+      continue;
+    }
+    {
+      std::lock_guard lock(mutex_);
+      outbox_.push_front(std::move(out));  // still unsent: reported when the link ends
+    }
+    if (err == EAGAIN || err == EWOULDBLOCK || err == EINTR) return std::nullopt;
+    if (err == EPIPE || err == ECONNRESET) return End::PeerGone;
+    *why = "cannot write to the socket: " + errnoText(err);
+    return End::Failed;
+  }
+}
+
+std::optional<LinkChannel::End> LinkChannel::handle(Frame frame, std::string* why) {
+  if (const ReplyFrame* answer = std::get_if<ReplyFrame>(&frame)) {
+    Awaited awaited;
+    {
+      std::lock_guard lock(mutex_);
+      auto it = awaited_.find(answer->replyId);
+      if (it == awaited_.end()) {
+        *why = "reply for unknown id " + std::to_string(answer->replyId);
+        return End::Failed;
+      }
+      awaited = std::move(it->second);
+      awaited_.erase(it);
+    }
+    if (awaited.reply) awaited.reply(answer->value);
+    return std::nullopt;
+  }
+  const CallFrame& call = std::get<CallFrame>(frame);
+  std::string error = checkCall(settings_.exported, call);
+  if (!error.empty()) {
+    *why = std::move(error);
+    return End::Failed;
+  }
+  Inbound inbound;
+  {
+    std::lock_guard lock(mutex_);
+    inbound = inbound_;
+  }
+  if (!inbound) {
+    LOG_ERROR("No exported object on the link to %{public}s; %{public}s dropped\n",
+              settings_.serviceName.c_str(), call.selector.c_str());
+    return std::nullopt;
+  }
+  inbound(call, call.replyId ? replyBlockFor(*call.replyId) : ReplyBlock());
+  return std::nullopt;
+}
+
+ReplyBlock LinkChannel::replyBlockFor(uint64_t replyId) {
+  auto answered = std::make_shared<std::atomic<bool>>(false);
+  return [weak = weak_from_this(), replyId, answered](bool value) {
+    if (answered->exchange(true)) return;  // a block answers once
+    if (std::shared_ptr<LinkChannel> self = weak.lock()) self->sendReply(replyId, value);
+  };
+}
+
+void LinkChannel::sendReply(uint64_t replyId, bool value) {
+  std::string error;
+  std::optional<std::string> bytes = encodeFrame(ReplyFrame{replyId, value}, &error);
+  std::lock_guard lock(mutex_);
+  if (!bytes || dead_ || closing_ || invalidated_) return;
+  outbox_.push_back({std::move(*bytes), {}, std::nullopt, nullptr});
+  wakeLocked();
+}
+
+void LinkChannel::finish(End end, const std::string& why) {
+  if (fd_ >= 0) {
+    ::close(fd_);
+    fd_ = -1;
+  }
+  buffer_.reset();
+  std::deque<Outgoing> unsent;
+  std::unordered_map<uint64_t, Awaited> awaited;
+  std::function<void()> interruption;
+  bool silent;
+  {
+    std::lock_guard lock(mutex_);
+    dead_ = true;
+    silent = invalidated_ || closing_;
+    deadReason_ = end == End::PeerGone
+                      ? "the connection to " + settings_.serviceName + " was interrupted"
+                      : "the connection to " + settings_.serviceName + " is invalid: " + why;
+    unsent.swap(outbox_);
+    awaited.swap(awaited_);
+    // An established link that ends from the far side, or for its frames, is
+    // interrupted; one that never got there is only invalidated.
+    const bool fromPeer = end == End::PeerGone || end == End::Failed;
+    if (fromPeer && established_ && !silent) interruption = onInterruption_;
+  }
+  if (end == End::Failed && !established_) {
+    LOG_ERROR("No link to %{public}s: %{public}s\n", settings_.serviceName.c_str(), why.c_str());
+  } else if (end == End::Failed) {
+    LOG_ERROR("Dropping the link to %{public}s: %{public}s\n", settings_.serviceName.c_str(),
+              why.c_str());
+  } else if (end == End::PeerGone) {
+    LOG_INFO("The peer of %{public}s closed the link\n", settings_.serviceName.c_str());
+  }
+  if (end != End::Closed) {
+    if (interruption) interruption();
+    if (!silent) {
+      std::string text;
+      {
+        std::lock_guard lock(mutex_);
+        text = deadReason_;
+      }
+      for (Outgoing& out : unsent) {
+        if (out.onError && !out.replyId) out.onError(text);
+      }
+      for (auto& [id, pending] : awaited) {
+        if (pending.onError) pending.onError(text);
+      }
+    }
+    std::function<void()> invalidation;
+    {
+      std::lock_guard lock(mutex_);
+      invalidation = std::move(onInvalidation_);
+    }
+    if (invalidation) invalidation();
+  }
+  // Handlers, exported object and pending work are released here, off the
+  // lock: their captures may hold the last reference to a handle.
+  std::function<void()> released[2];
+  Inbound inbound;
+  {
+    std::lock_guard lock(mutex_);
+    released[0] = std::move(onInterruption_);
+    released[1] = std::move(onInvalidation_);
+    inbound = std::move(inbound_);
+  }
+}
+
+// A dead link's thread stays until the handle goes, to run the error
+// handlers of calls made in the meantime.
+void LinkChannel::serveLateCalls() {
+  for (;;) {
+    std::deque<Task> tasks;
+    {
+      std::unique_lock lock(mutex_);
+      changed_.wait(lock, [&] { return closing_ || !tasks_.empty(); });
+      tasks.swap(tasks_);
+      if (closing_) break;
+    }
+    for (Task& task : tasks) task();
+  }
+}
+
+}  // namespace tarvex::itx::xpc::linux_platform
