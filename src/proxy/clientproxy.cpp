@@ -111,7 +111,9 @@ bool ClientProxy::applySettings() {
   const SysextSettings settings = config_->settings();
 
   LOG_DEBUG("Going to set Self Protection to %{bool}d\n", settings.antitampering);
-  if (!director_->switchMode(TagClientShield, TagShieldObserver, settings.antitampering)) {
+  // The self-protection client has no event of its own to subscribe yet;
+  // only its observer follows the switch.
+  if (!director_->switchMode({}, TagShieldObserver, settings.antitampering)) {
     LOG_WARN("failed to start system extension Self Protection component\n");
     return false;
   }
