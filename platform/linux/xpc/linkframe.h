@@ -21,7 +21,9 @@ struct CallFrame {
   std::vector<Value> args;
   std::optional<uint64_t> replyId;
 
-  bool operator==(const CallFrame& o) const = default;
+  bool operator==(const CallFrame& o) const {
+    return selector == o.selector && args == o.args && replyId == o.replyId;
+  }
 };
 
 // The value a reply block was called with, for the call of the same id.
@@ -29,7 +31,7 @@ struct ReplyFrame {
   uint64_t replyId = 0;
   bool value = false;
 
-  bool operator==(const ReplyFrame& o) const = default;
+  bool operator==(const ReplyFrame& o) const { return replyId == o.replyId && value == o.value; }
 };
 
 using Frame = std::variant<CallFrame, ReplyFrame>;

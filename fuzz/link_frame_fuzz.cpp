@@ -1,0 +1,83 @@
+// What a peer's socket message goes through before it reaches an exported
+// object: decoding, the per-selector check and the dispatch. Besides the
+// sanitizers' findings it checks that a decoded frame re-encodes to itself,
+// and that a call that passes the check reaches the method it names with
+// the arguments it carried (the dispatch feeds a remote proxy, which turns
+// the method call back into a frame).
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <optional>
+#include <string>
+
+#include "xpc/callcheck.h"
+#include "xpc/calldispatch.h"
+#include "xpc/framecodec.h"
+#include "xpc/remoteproxies.h"
+
+namespace transport = tarvex::itx::xpc::linux_platform;
+using tarvex::itx::xpc::ReplyBlock;
+
+namespace {
+
+void require(bool ok, const char* what) {
+  if (ok) return;
+  std::fprintf(stderr, "link frame fuzz: %s\n", what);
+  std::abort();
+}
+
+// The call a dispatched method turns back into.
+struct Echo {
+  std::optional<transport::CallFrame> call;
+  bool gotReplyBlock = false;
+};
+
+transport::CallSender recordInto(Echo& echo) {
+  return [&echo](transport::CallFrame call, ReplyBlock reply) {
+    require(!echo.call, "one call dispatched more than one method");
+    echo.call = std::move(call);
+    echo.gotReplyBlock = static_cast<bool>(reply);
+  };
+}
+
+void checkDispatch(const transport::CallFrame& call, transport::Protocol protocol) {
+  if (!transport::checkCall(protocol, call).empty()) return;
+  Echo echo;
+  const ReplyBlock reply = [](bool) {};
+  if (protocol == transport::Protocol::Sysext) {
+    transport::RemoteSysextProxy target(recordInto(echo));
+    transport::dispatchCall(call, target, reply);
+  } else {
+    transport::RemoteDaemonProxy target(recordInto(echo));
+    transport::dispatchCall(call, target, reply);
+  }
+  require(echo.call.has_value(), "a checked call reached no method");
+  require(echo.call->selector == call.selector, "dispatch called another method");
+  require(echo.call->args == call.args, "dispatch changed the arguments");
+  require(echo.call->replyId.has_value() == call.replyId.has_value(),
+          "dispatch lost or invented a reply block");
+  require(echo.gotReplyBlock == call.replyId.has_value(), "reply block not handed on");
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  std::string error;
+  const std::optional<transport::Frame> frame =
+      transport::decodeFrame({reinterpret_cast<const char*>(data), size}, &error);
+  if (!frame) {
+    require(!error.empty(), "a rejected frame without a reason");
+    return 0;
+  }
+  // Canonical bytes may differ from the input, never the frame they carry.
+  if (std::optional<std::string> bytes = transport::encodeFrame(*frame, &error)) {
+    const std::optional<transport::Frame> again = transport::decodeFrame(*bytes, &error);
+    require(again.has_value(), "a re-encoded frame does not decode");
+    require(*again == *frame, "a frame changed through encode and decode");
+  }
+  if (const transport::CallFrame* call = std::get_if<transport::CallFrame>(&*frame)) {
+    checkDispatch(*call, transport::Protocol::Sysext);
+    checkDispatch(*call, transport::Protocol::ProtectionDaemon);
+  }
+  return 0;
+}
