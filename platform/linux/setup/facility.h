@@ -1,0 +1,14 @@
+#pragma once
+
+#include "esclient/esapi.h"
+#include "rtn/clock.h"
+#include "rtn/dispatch.h"
+
+namespace tarvex::itx::rtn::linux_platform {
+
+// The Endpoint Security facility this executable runs on; each executable
+// links one definition (the kernel-backed facility, or a scripted one in
+// test builds). Null when it can't be had; the reason is logged.
+endpointsecurity::IEndpointSecurityApi* makeEndpointSecurity(IClock& clock, IDispatch& dispatch);
+
+}  // namespace tarvex::itx::rtn::linux_platform

@@ -1,0 +1,58 @@
+// The Linux seams, built once at process start. They live until the
+// process ends and are never destroyed: threads of theirs may still run
+// while the process exits.
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "clock/monotonicclock.h"
+#include "dispatch/linuxdispatch.h"
+#include "log/log.h"
+#include "log/stderrsink.h"
+#include "log/systemsink.h"
+#include "rtn/platform.h"
+#include "rtnmac/productroot.h"
+#include "setup/facility.h"
+#include "xpc/unixsocketconnector.h"
+
+LUMO_LOG_MODULE("MAC_SPECIFIC")
+
+namespace tarvex::itx::rtn {
+
+namespace {
+
+bool flagSet(const char* variable) {
+  const char* value = std::getenv(variable);
+  return value != nullptr && *value != '\0' && std::strcmp(value, "0") != 0;
+}
+
+}  // namespace
+
+// Knobs of the Linux build, for trials and tests (the product itself takes
+// no configuration):
+//   LUMO_LOG_DEBUG=1     debug-level lines (Debug, Trace, Func) on
+//   LUMO_LOG_STDERR=1    log to stderr even when the journal is there
+//   LUMO_PRODUCT_ROOT=D  look for the product's folders under D
+//   LUMO_RUNTIME_DIR=D   the daemon's socket lives in D (default /run/tarvex)
+bool installPlatform(int /*argc*/, char** /*argv*/) {
+  log::ILogSink* sink = flagSet("LUMO_LOG_STDERR")
+                            ? new log::linux_platform::StderrSink()
+                            : log::linux_platform::makeSystemSink().release();
+  log::setSink(sink);
+  log::setDebugEnabled(flagSet("LUMO_LOG_DEBUG"));
+  if (const char* root = std::getenv("LUMO_PRODUCT_ROOT")) rtnmac::setProductRoot(root);
+
+  auto* clock = new linux_platform::MonotonicClock();
+  auto* dispatch = new linux_platform::LinuxDispatch(*clock);
+  endpointsecurity::IEndpointSecurityApi* es =
+      linux_platform::makeEndpointSecurity(*clock, *dispatch);
+  if (es == nullptr) {
+    LOG_ERROR("No Endpoint Security facility on this machine.\n");
+    return false;
+  }
+  auto* connector = new xpc::linux_platform::UnixSocketConnector();
+  setPlatform({es, dispatch, clock, connector});
+  return true;
+}
+
+}  // namespace tarvex::itx::rtn
