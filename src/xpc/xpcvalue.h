@@ -7,6 +7,10 @@
 #include <variant>
 #include <vector>
 
+// Objective-C's headers define Nil as a macro; the name is ours in here.
+#pragma push_macro("Nil")
+#undef Nil
+
 namespace tarvex::itx::xpc {
 
 // The kind a number was made with; the receiving side rebuilds exactly this
@@ -47,7 +51,7 @@ struct Dictionary {
   std::vector<DictEntry> entries;
 
   const Value* find(std::string_view key) const;
-  size_t size() const { return entries.size(); }
+  size_t size() const;
   bool operator==(const Dictionary& o) const;
 };
 
@@ -64,12 +68,14 @@ struct Nil {
 struct Value {
   std::variant<Nil, std::string, Number, Dictionary, Array> v;
 
-  Value() = default;
-  Value(std::string s) : v(std::move(s)) {}
-  Value(const char* s) : v(std::string(s)) {}
-  Value(Number n) : v(n) {}
-  Value(Dictionary d) : v(std::move(d)) {}
-  Value(Array a) : v(std::move(a)) {}
+  // Defined below, once DictEntry is complete: building the variant
+  // instantiates the containers' members.
+  Value();
+  Value(std::string s);
+  Value(const char* s);
+  Value(Number n);
+  Value(Dictionary d);
+  Value(Array a);
 
   bool isNil() const { return std::holds_alternative<Nil>(v); }
   const std::string* string() const { return std::get_if<std::string>(&v); }
@@ -85,13 +91,23 @@ struct DictEntry {
   bool operator==(const DictEntry& o) const { return key == o.key && value == o.value; }
 };
 
+inline Value::Value() = default;
+inline Value::Value(std::string s) : v(std::move(s)) {}
+inline Value::Value(const char* s) : v(std::string(s)) {}
+inline Value::Value(Number n) : v(n) {}
+inline Value::Value(Dictionary d) : v(std::move(d)) {}
+inline Value::Value(Array a) : v(std::move(a)) {}
+
 inline const Value* Dictionary::find(std::string_view key) const {
   for (const DictEntry& e : entries) {
     if (e.key == key) return &e.value;
   }
   return nullptr;
 }
+inline size_t Dictionary::size() const { return entries.size(); }
 inline bool Dictionary::operator==(const Dictionary& o) const { return entries == o.entries; }
 inline bool Array::operator==(const Array& o) const { return items == o.items; }
 
 }  // namespace tarvex::itx::xpc
+
+#pragma pop_macro("Nil")
