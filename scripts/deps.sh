@@ -1,12 +1,16 @@
 # Debian packages the project needs, installed on demand. Sourced by the
-# other scripts: install_deps build|run|apple
+# other scripts: install_deps build|bpf|run|apple
 deps_build=(cmake ninja-build g++ pkg-config protobuf-compiler protobuf-compiler-grpc
   libprotobuf-dev libgrpc++-dev libsystemd-dev libgtest-dev libgmock-dev libbenchmark-dev)
+# The facility's BPF programs: CO-RE objects built against the running
+# kernel's BTF, loaded through libbpf.
+deps_bpf=(clang llvm libbpf-dev bpftool)
 
 install_deps() {
   local -a wanted=()
   case "$1" in
     build) wanted=("${deps_build[@]}") ;;
+    bpf) wanted=("${deps_bpf[@]}") ;;
     *) echo "install_deps: unknown set $1" >&2; return 1 ;;
   esac
   local -a missing=()

@@ -7,6 +7,7 @@ cd "$(dirname "$0")/.."
 
 . scripts/deps.sh
 install_deps build
+install_deps bpf
 
 variants=${LUMO_TEST_VARIANTS:-plain address thread}
 jobs=$(nproc)

@@ -286,4 +286,6 @@ typedef struct {
   es_events_t event;
   es_thread_t* thread;
   uint64_t global_seq_num;
+  // Facility-private: the Linux facility's record that owns this message.
+  void* reserved_facility;
 } es_message_t;

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <EndpointSecurity/EndpointSecurity.h>
+
+#include <bitset>
+#include <cstdint>
+#include <string>
+
+namespace endpointsecurity::linux_es {
+
+class Message;
+class ProcessCache;
+
+using EventSet = std::bitset<ES_EVENT_TYPE_LAST>;
+
+// Where sources hand their messages: the facility hub.
+class IEventSink {
+ public:
+  virtual ~IEventSink() = default;
+  // Takes the source's reference. AUTH messages carry their verdict and
+  // budget; the hub sets the deadline and answers them one way or another.
+  virtual void deliver(Message* message) = 0;
+  // Whether any client is subscribed to the type right now.
+  virtual bool wants(es_event_type_t type) const = 0;
+  virtual ProcessCache& processes() = 0;
+  virtual uint64_t now() = 0;
+};
+
+// One kernel mechanism feeding the hub. The hub tells it, under its own
+// lock, which of its types clients want; a source with nothing wanted
+// holds no kernel marks or programs.
+class IEventSource {
+ public:
+  virtual ~IEventSource() = default;
+  virtual const char* name() const = 0;
+  // Types this source produces.
+  virtual EventSet types() const = 0;
+  // Brings kernel state in line with `wanted` (a subset of types()). False
+  // when some of it could not be set up; the reason is logged.
+  virtual bool apply(const EventSet& wanted) = 0;
+  // Detaches everything and joins the source's threads.
+  virtual void stop() = 0;
+};
+
+}  // namespace endpointsecurity::linux_es

@@ -1,0 +1,65 @@
+// The kernel-backed facility of the real extension binary: the hub and the
+// event sources this machine's kernel allows, probed once at start.
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#ifdef LUMO_HAVE_BPF
+#include "es/bpfprocesssource.h"
+#endif
+#include "es/linuxendpointsecurity.h"
+#include "es/procconnectorsource.h"
+#include "log/log.h"
+#include "setup/facility.h"
+
+LUMO_LOG_MODULE("LINUX_ES")
+
+namespace tarvex::itx::rtn::linux_platform {
+
+#ifdef LUMO_HAVE_BPF
+using endpointsecurity::linux_es::BpfProcessSource;
+#endif
+using endpointsecurity::linux_es::LinuxEndpointSecurity;
+using endpointsecurity::linux_es::ProcConnectorSource;
+
+namespace {
+
+// LUMO_PROCESS_TIER=bpf|connector pins the process tier (trials, tests).
+std::string pinnedTier(const char* variable) {
+  const char* value = std::getenv(variable);
+  return value != nullptr ? value : "";
+}
+
+void addProcessTier(LinuxEndpointSecurity& hub) {
+  const std::string pinned = pinnedTier("LUMO_PROCESS_TIER");
+  std::string why = "not built with BPF";
+#ifdef LUMO_HAVE_BPF
+  if (pinned != "connector") {
+    if (auto source = BpfProcessSource::open(hub, &why)) {
+      LOG_INFO("Process events: BPF tier (tp_btf exec, fork, exit with ring buffer).");
+      hub.addSource(std::move(source));
+      return;
+    }
+    LOG_WARN("Process events: BPF tier unavailable (%{public}s); trying the process connector.",
+             why.c_str());
+  }
+#endif
+  if (auto source = ProcConnectorSource::open(hub, &why)) {
+    LOG_INFO("Process events: netlink process connector tier (fallback; enrichment from /proc).");
+    hub.addSource(std::move(source));
+    return;
+  }
+  LOG_ERROR("Process events: no tier available (%{public}s); exec, fork and exit stay silent.",
+            why.c_str());
+}
+
+}  // namespace
+
+endpointsecurity::IEndpointSecurityApi* makeEndpointSecurity(IClock& clock, IDispatch& dispatch) {
+  // Lives as long as the process: the sources' threads call into it.
+  auto* hub = new LinuxEndpointSecurity(clock, dispatch);
+  addProcessTier(*hub);
+  return hub;
+}
+
+}  // namespace tarvex::itx::rtn::linux_platform
