@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "support/capture_sink.h"
+#include "support/link_journal.h"
 #include "xpc/framecodec.h"
 #include "xpc/linkchannel.h"
 #include "xpc/seqpacket.h"
@@ -32,102 +33,37 @@ namespace {
 
 using namespace std::chrono_literals;
 using lumo::testing::CaptureSink;
+using lumo::testing::Journal;
+using lumo::testing::valueText;
+using lumo::testing::valueTextOrNil;
 
 // Only reached when something is broken; passing runs never wait this long.
 constexpr auto kPatience = 10s;
 constexpr const char* kService = "com.tarvex.lumo.protectiond.xpc";
 constexpr uid_t kNobody = 65534;
 
-// What happened, in order, from any thread; tests wait for entries.
-class Journal {
- public:
-  void add(std::string entry) {
-    std::lock_guard lock(mutex_);
-    entries_.push_back(std::move(entry));
-    threads_.push_back(std::this_thread::get_id());
-    changed_.notify_all();
-  }
-  bool waitFor(const std::string& entry, size_t times = 1) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, kPatience, [&] { return countLocked(entry) >= times; });
-  }
-  bool waitForSize(size_t n) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, kPatience, [&] { return entries_.size() >= n; });
-  }
-  size_t count(const std::string& entry) {
-    std::lock_guard lock(mutex_);
-    return countLocked(entry);
-  }
-  std::vector<std::string> entries() {
-    std::lock_guard lock(mutex_);
-    return entries_;
-  }
-  std::vector<std::thread::id> threads() {
-    std::lock_guard lock(mutex_);
-    return threads_;
-  }
-
- private:
-  size_t countLocked(const std::string& entry) const {
-    return static_cast<size_t>(std::count(entries_.begin(), entries_.end(), entry));
-  }
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<std::string> entries_;
-  std::vector<std::thread::id> threads_;
-};
-
-std::string text(const Value& v);
-
-std::string text(const Dictionary& d) {
-  std::string out = "{";
-  for (const DictEntry& e : d.entries) out += e.key + "=" + text(e.value) + ";";
-  return out + "}";
-}
-
-// Spells a value with its number kinds, so a kind lost on the way shows.
-std::string text(const Value& v) {
-  if (v.isNil()) return "nil";
-  if (const std::string* s = v.string()) return "'" + *s + "'";
-  if (const Dictionary* d = v.dictionary()) return text(*d);
-  if (const Array* a = v.array()) {
-    std::string out = "[";
-    for (const Value& item : a->items) out += text(item) + ",";
-    return out + "]";
-  }
-  const Number& n = *v.number();
-  static const char* kKinds[] = {"i", "u", "ll", "ull", "b"};
-  return kKinds[static_cast<int>(n.kind)] + std::to_string(n.bits);
-}
-
-template <typename T>
-std::string textOrNil(const T* object) {
-  return object ? text(Value(*object)) : "nil";
-}
-
 // The extension's exported object: notes each call and answers reply blocks.
 class RecordingSysext : public SysextXPCInterface {
  public:
   explicit RecordingSysext(Journal& journal) : journal_(journal) {}
   void addMountPoint(const std::string* volume, uint64_t type) override {
-    journal_.add("addMountPoint " + textOrNil(volume) + " " + std::to_string(type));
+    journal_.add("addMountPoint " + valueTextOrNil(volume) + " " + std::to_string(type));
   }
   void removeMountPoint(const std::string* volume) override {
-    journal_.add("removeMountPoint " + textOrNil(volume));
+    journal_.add("removeMountPoint " + valueTextOrNil(volume));
   }
   void clearMountPoints() override { journal_.add("clearMountPoints"); }
   void setPolicy(const Dictionary* policy, uint64_t timestamp, ReplyBlock reply) override {
-    journal_.add("setPolicy " + textOrNil(policy) + " " + std::to_string(timestamp));
+    journal_.add("setPolicy " + valueTextOrNil(policy) + " " + std::to_string(timestamp));
     reply(true);
   }
   void setExclusions(const Array* exclusions, uint64_t timestamp, ReplyBlock reply) override {
-    journal_.add("setExclusions " + textOrNil(exclusions) + " " + std::to_string(timestamp));
+    journal_.add("setExclusions " + valueTextOrNil(exclusions) + " " + std::to_string(timestamp));
     reply(false);
     reply(true);  // a block answers once; this one is not sent
   }
   void setPrinter(const std::string* printer, bool verdict) override {
-    journal_.add("setPrinter " + textOrNil(printer) + " " + (verdict ? "YES" : "NO"));
+    journal_.add("setPrinter " + valueTextOrNil(printer) + " " + (verdict ? "YES" : "NO"));
   }
 
  private:
@@ -143,12 +79,15 @@ class RecordingDaemon : public ProtectionDaemonXPCInterface {
     journal_.add("register");
     reply(accept_);
   }
-  void handleFileEvent(const Dictionary& e) override { journal_.add("file " + text(e)); }
-  void handlePrinterEvent(const Dictionary& e) override { journal_.add("printer " + text(e)); }
-  void handleProcessStartEvent(const Dictionary& e) override { journal_.add("start " + text(e)); }
-  void handleProcessExitEvent(const Dictionary& e) override { journal_.add("exit " + text(e)); }
+  void handleFileEvent(const Dictionary& e) override { note("file", e); }
+  void handlePrinterEvent(const Dictionary& e) override { note("printer", e); }
+  void handleProcessStartEvent(const Dictionary& e) override { note("start", e); }
+  void handleProcessExitEvent(const Dictionary& e) override { note("exit", e); }
 
  private:
+  void note(const char* what, const Dictionary& e) {
+    journal_.add(std::string(what) + " " + valueText(Value(e)));
+  }
   Journal& journal_;
   const bool accept_;
 };
@@ -270,7 +209,7 @@ TEST_F(LinuxXpcTransport, CarriesCallsBothWaysWithNumberKindsNilsAndReplies) {
   ASSERT_TRUE(daemonSide.waitForSize(54));
   std::vector<std::string> received = daemonSide.entries();
   EXPECT_EQ(received[0], "register");
-  EXPECT_EQ(received[1], "file " + text(event));
+  EXPECT_EQ(received[1], "file " + valueText(Value(event)));
   for (int i = 0; i < 50; ++i) {
     EXPECT_EQ(received[2 + i], "start {pid=u" + std::to_string(i) + ";}");
   }

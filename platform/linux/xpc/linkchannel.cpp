@@ -254,7 +254,7 @@ void LinkChannel::runTasks() {
     std::lock_guard lock(mutex_);
     tasks.swap(tasks_);
   }
-  for (Task& task : tasks) task();
+  for (Task& task : tasks) runUnlessClosed(task);
 }
 
 std::optional<LinkChannel::End> LinkChannel::readFrames(std::string* why) {
@@ -346,7 +346,7 @@ std::optional<LinkChannel::End> LinkChannel::handle(Frame frame, std::string* wh
       awaited = std::move(it->second);
       awaited_.erase(it);
     }
-    if (awaited.reply) awaited.reply(answer->value);
+    if (awaited.reply) runUnlessClosed([&] { awaited.reply(answer->value); });
     return std::nullopt;
   }
   const CallFrame& call = std::get<CallFrame>(frame);
@@ -358,6 +358,7 @@ std::optional<LinkChannel::End> LinkChannel::handle(Frame frame, std::string* wh
   Inbound inbound;
   {
     std::lock_guard lock(mutex_);
+    if (closing_) return std::nullopt;  // the loop ends at its next turn
     inbound = inbound_;
   }
   if (!inbound) {
@@ -394,21 +395,18 @@ void LinkChannel::finish(End end, const std::string& why) {
   buffer_.reset();
   std::deque<Outgoing> unsent;
   std::unordered_map<uint64_t, Awaited> awaited;
-  std::function<void()> interruption;
   bool silent;
   {
     std::lock_guard lock(mutex_);
     dead_ = true;
+    // Closed while the end was coming: the owner is gone, nobody to tell.
+    if (closing_) end = End::Closed;
     silent = invalidated_ || closing_;
     deadReason_ = end == End::PeerGone
                       ? "the connection to " + settings_.serviceName + " was interrupted"
                       : "the connection to " + settings_.serviceName + " is invalid: " + why;
     unsent.swap(outbox_);
     awaited.swap(awaited_);
-    // An established link that ends from the far side, or for its frames, is
-    // interrupted; one that never got there is only invalidated.
-    const bool fromPeer = end == End::PeerGone || end == End::Failed;
-    if (fromPeer && established_ && !silent) interruption = onInterruption_;
   }
   if (end == End::Failed && !established_) {
     LOG_ERROR("No link to %{public}s: %{public}s\n", settings_.serviceName.c_str(), why.c_str());
@@ -419,26 +417,20 @@ void LinkChannel::finish(End end, const std::string& why) {
     LOG_INFO("The peer of %{public}s closed the link\n", settings_.serviceName.c_str());
   }
   if (end != End::Closed) {
-    if (interruption) interruption();
+    // An established link that ends from the far side, or for its frames, is
+    // interrupted; one that never got there is only invalidated.
+    const bool fromPeer = end == End::PeerGone || end == End::Failed;
+    if (fromPeer && established_ && !silent) runUnlessClosed(onInterruption_);
     if (!silent) {
-      std::string text;
-      {
-        std::lock_guard lock(mutex_);
-        text = deadReason_;
-      }
+      const std::string text = deadReason_;  // written above, on this thread
       for (Outgoing& out : unsent) {
-        if (out.onError && !out.replyId) out.onError(text);
+        if (out.onError && !out.replyId) runUnlessClosed([&] { out.onError(text); });
       }
       for (auto& [id, pending] : awaited) {
-        if (pending.onError) pending.onError(text);
+        if (pending.onError) runUnlessClosed([&] { pending.onError(text); });
       }
     }
-    std::function<void()> invalidation;
-    {
-      std::lock_guard lock(mutex_);
-      invalidation = std::move(onInvalidation_);
-    }
-    if (invalidation) invalidation();
+    runUnlessClosed(onInvalidation_);
   }
   // Handlers, exported object and pending work are released here, off the
   // lock: their captures may hold the last reference to a handle.
@@ -452,6 +444,16 @@ void LinkChannel::finish(End end, const std::string& why) {
   }
 }
 
+void LinkChannel::runUnlessClosed(const std::function<void()>& handler) {
+  std::function<void()> copy;
+  {
+    std::lock_guard lock(mutex_);
+    if (closing_) return;
+    copy = handler;
+  }
+  if (copy) copy();
+}
+
 // A dead link's thread stays until the handle goes, to run the error
 // handlers of calls made in the meantime.
 void LinkChannel::serveLateCalls() {
@@ -463,7 +465,7 @@ void LinkChannel::serveLateCalls() {
       tasks.swap(tasks_);
       if (closing_) break;
     }
-    for (Task& task : tasks) task();
+    for (Task& task : tasks) runUnlessClosed(task);
   }
 }
 

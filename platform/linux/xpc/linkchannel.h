@@ -35,8 +35,9 @@ namespace tarvex::itx::xpc::linux_platform {
 // silently.
 //
 // The thread is detached and keeps the channel alive: dropping a handle
-// never waits for it (a handler of the caller's may be running). close()
-// makes it exit without running anything more.
+// never waits for it (a handler of the caller's may be running). Once
+// close() has returned, nothing of the caller's starts on the thread any
+// more, and the thread exits.
 class LinkChannel : public std::enable_shared_from_this<LinkChannel> {
  public:
   struct Settings {
@@ -96,6 +97,8 @@ class LinkChannel : public std::enable_shared_from_this<LinkChannel> {
   ReplyBlock replyBlockFor(uint64_t replyId);
   void sendReply(uint64_t replyId, bool value);
   void finish(End end, const std::string& why);
+  // Runs a caller's code on the link's thread unless the owner has gone.
+  void runUnlessClosed(const std::function<void()>& handler);
   void serveLateCalls();
 
   const Settings settings_;

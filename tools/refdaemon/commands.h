@@ -1,0 +1,22 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "refdaemon/refdaemon.h"
+
+namespace lumo::refdaemon {
+
+// What the command lines typed on stdin can say.
+extern const char* const kCommandHelp;
+
+struct CommandResult {
+  std::string error;  // what was wrong with the line; empty when it was carried out
+  bool help = false;  // the line asked for kCommandHelp
+  bool quit = false;
+};
+
+// Carries out one command line on the daemon; blank lines do nothing.
+CommandResult runCommand(std::string_view line, RefDaemon& daemon);
+
+}  // namespace lumo::refdaemon
