@@ -5,12 +5,15 @@ deps_build=(cmake ninja-build g++ pkg-config protobuf-compiler protobuf-compiler
 # The facility's BPF programs: CO-RE objects built against the running
 # kernel's BTF, loaded through libbpf.
 deps_bpf=(clang llvm libbpf-dev bpftool)
+# Running the product for a person (scripts/run.sh): a print queue to watch.
+deps_run=(cups cups-client cups-bsd printer-driver-cups-pdf)
 
 install_deps() {
   local -a wanted=()
   case "$1" in
     build) wanted=("${deps_build[@]}") ;;
     bpf) wanted=("${deps_bpf[@]}") ;;
+    run) wanted=("${deps_run[@]}") ;;
     *) echo "install_deps: unknown set $1" >&2; return 1 ;;
   esac
   local -a missing=()
