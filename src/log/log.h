@@ -20,10 +20,13 @@
       ::tarvex::itx::log::makeLog(LUMO_SUBSYSTEM_DUMP, category)}
 #else
 #define LUMO_DEFINE_MODULE_LOG(var, category)                                              \
-  constexpr ::tarvex::itx::log::LogObject var##Main{LUMO_SUBSYSTEM, category};             \
-  constexpr ::tarvex::itx::log::LogObject var##Trace{LUMO_SUBSYSTEM_TRACE, category};      \
-  constexpr ::tarvex::itx::log::LogObject var##Dump{LUMO_SUBSYSTEM_DUMP, category};        \
-  constexpr ::tarvex::itx::log::ModuleLog var{&var##Main, &var##Trace, &var##Dump}
+  [[maybe_unused]] constexpr ::tarvex::itx::log::LogObject var##Main{LUMO_SUBSYSTEM, category}; \
+  [[maybe_unused]] constexpr ::tarvex::itx::log::LogObject var##Trace{LUMO_SUBSYSTEM_TRACE,     \
+                                                                      category};               \
+  [[maybe_unused]] constexpr ::tarvex::itx::log::LogObject var##Dump{LUMO_SUBSYSTEM_DUMP,       \
+                                                                     category};                \
+  [[maybe_unused]] constexpr ::tarvex::itx::log::ModuleLog var{&var##Main, &var##Trace,        \
+                                                               &var##Dump}
 #endif
 
 // The module's own triple, used by the level macros below.
@@ -34,7 +37,7 @@
 // A further triple of the module, created and not written to.
 #define LUMO_LOG_EXTRA_MODULE(name, category) \
   namespace {                                 \
-  [[maybe_unused]] LUMO_DEFINE_MODULE_LOG(name, category); \
+  LUMO_DEFINE_MODULE_LOG(name, category);     \
   }
 
 #define LUMO_LOG_AT(fn, handle, type, fmt, ...) \

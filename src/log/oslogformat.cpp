@@ -14,7 +14,7 @@ bool isLength(char c) {
 }
 
 const LogArg& argAt(const LogArg* args, size_t count, size_t index) {
-  static const LogArg kNone;
+  static const LogArg kNone{};
   return index < count ? args[index] : kNone;
 }
 

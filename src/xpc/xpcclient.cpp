@@ -44,9 +44,12 @@ SysExtXPCClient& SysExtXPCClient::sharedInstance() {
 }
 
 void SysExtXPCClient::setLink(ConnectionRef connection, DaemonRef daemon) {
-  std::lock_guard<std::mutex> lock(linkMutex_);
-  currentConnection_ = std::move(connection);
-  providerProxy_ = std::move(daemon);
+  {
+    std::lock_guard<std::mutex> lock(linkMutex_);
+    std::swap(currentConnection_, connection);
+    std::swap(providerProxy_, daemon);
+  }
+  // The old connection and proxy die here, outside the lock.
 }
 
 std::pair<SysExtXPCClient::ConnectionRef, SysExtXPCClient::DaemonRef> SysExtXPCClient::link()

@@ -426,7 +426,8 @@ void LinkChannel::finish(End end, const std::string& why) {
       for (Outgoing& out : unsent) {
         if (out.onError && !out.replyId) runUnlessClosed([&] { out.onError(text); });
       }
-      for (auto& [id, pending] : awaited) {
+      for (auto& entry : awaited) {
+        auto& pending = entry.second;  // a lambda can't capture a structured binding in clang 14
         if (pending.onError) runUnlessClosed([&] { pending.onError(text); });
       }
     }
