@@ -235,3 +235,39 @@ TEST_F(ExtensionProcess, NonRootDaemonIsRefused) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(ExtensionProcess, WorksWithTheReferenceDaemonAcrossItsRestarts) {
+  const std::string daemonLog = dir + "/daemon.log";
+  auto startDaemon = [&] {
+    return std::make_unique<lumo::testing::Child>(lumo::testing::Child::Options{
+        {LUMO_REFDAEMON_PATH, "--runtime-dir", runtimeDir, "--policy",
+         "dup=1,webcontrol=0,devicecontrol=0,antitampering=0"},
+        {},
+        daemonLog});
+  };
+  auto daemon = startDaemon();
+  startExtension();
+  ASSERT_TRUE(extensionLogs("Registration success. The Daemon XPC is listening."));
+  ASSERT_TRUE(extensionLogs("es: subscribe 9,11,15\n"));
+  event(kExec);
+  ASSERT_TRUE(lumo::testing::waitFor(daemonLog, "\"event\":\"handleProcessStartEvent:\""));
+  EXPECT_TRUE(lumo::testing::waitFor(daemonLog, "\"cmd\":\"-l /tmp\""));
+
+  daemon->kill();
+  ASSERT_TRUE(extensionLogs("Error: Attempting reconnection after disconnection !\n"));
+  event(kExec);  // nobody listens: dropped
+
+  daemon = startDaemon();
+  ASSERT_TRUE(extensionLogs("Registration success. The Daemon XPC is listening.", 2));
+  event("exit pid=321");
+  ASSERT_TRUE(lumo::testing::waitFor(daemonLog, "\"event\":\"handleProcessExitEvent:\""));
+  EXPECT_EQ(lumo::testing::countIn(daemonLog, "\"event\":\"handleProcessStartEvent:\""), 1u);
+
+  // A policy typed at the daemon's prompt switches the extension at once.
+  daemon->write("policy dup=0,webcontrol=0,devicecontrol=0,antitampering=0\n");
+  EXPECT_TRUE(extensionLogs("es: unsubscribe"));
+}
+
+}  // namespace
