@@ -7,6 +7,7 @@
 #ifdef LUMO_HAVE_BPF
 #include "es/bpfprocesssource.h"
 #endif
+#include "es/fanotifyfilesource.h"
 #include "es/linuxendpointsecurity.h"
 #include "es/procconnectorsource.h"
 #include "log/log.h"
@@ -59,6 +60,8 @@ endpointsecurity::IEndpointSecurityApi* makeEndpointSecurity(IClock& clock, IDis
   // Lives as long as the process: the sources' threads call into it.
   auto* hub = new LinuxEndpointSecurity(clock, dispatch);
   addProcessTier(*hub);
+  // Opened on the first file subscription; it logs then what it could mark.
+  hub->addSource(std::make_unique<endpointsecurity::linux_es::FanotifyFileSource>(*hub));
   return hub;
 }
 

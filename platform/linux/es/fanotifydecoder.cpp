@@ -1,0 +1,331 @@
+#include "es/fanotifydecoder.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "es/message.h"
+#include "es/procinfo.h"
+#include "log/log.h"
+
+LUMO_LOG_MODULE("LINUX_ES")
+
+namespace endpointsecurity::linux_es {
+
+namespace {
+
+constexpr size_t kRememberedPaths = 4096;
+constexpr size_t kMaxModified = 65536;
+constexpr uint32_t kFRead = 0x1;
+
+// file_handle as the kernel lays it out: bytes, type, then the handle.
+struct HandleHeader {
+  uint32_t bytes;
+  int32_t type;
+};
+
+std::string joinPath(const std::string& dir, const std::string& name) {
+  return dir == "/" ? "/" + name : dir + "/" + name;
+}
+
+}  // namespace
+
+FanotifyDecoder::FanotifyDecoder(IEventSink& sink, IHandleResolver& resolver, pid_t self)
+    : sink_(sink), resolver_(resolver), self_(self) {}
+
+bool FanotifyDecoder::parse(const fanotify_event_metadata* metadata, Record& out) {
+  out.mask = metadata->mask;
+  out.pid = metadata->pid;
+  const char* cursor = reinterpret_cast<const char*>(metadata) + metadata->metadata_len;
+  const char* end = reinterpret_cast<const char*>(metadata) + metadata->event_len;
+  while (cursor < end) {
+    if (static_cast<size_t>(end - cursor) < sizeof(fanotify_event_info_header)) return false;
+    fanotify_event_info_header header;
+    std::memcpy(&header, cursor, sizeof header);
+    if (header.len < sizeof header || header.len > static_cast<size_t>(end - cursor)) return false;
+    const char* body = cursor;
+    cursor += header.len;
+    switch (header.info_type) {
+      case FAN_EVENT_INFO_TYPE_FID:
+      case FAN_EVENT_INFO_TYPE_DFID:
+      case FAN_EVENT_INFO_TYPE_DFID_NAME:
+      case FAN_EVENT_INFO_TYPE_OLD_DFID_NAME:
+      case FAN_EVENT_INFO_TYPE_NEW_DFID_NAME:
+        break;
+      default:
+        continue;  // types this build doesn't use
+    }
+    const size_t fixed = sizeof(fanotify_event_info_fid) + sizeof(HandleHeader);
+    if (header.len < fixed) return false;
+    HandleHeader handle;
+    std::memcpy(&handle, body + sizeof(fanotify_event_info_fid), sizeof handle);
+    if (handle.bytes > header.len - fixed) return false;
+    // The key: fsid, then the whole file_handle.
+    std::string key(body + offsetof(fanotify_event_info_fid, fsid), sizeof(__kernel_fsid_t));
+    key.append(body + sizeof(fanotify_event_info_fid), sizeof(HandleHeader) + handle.bytes);
+    if (header.info_type == FAN_EVENT_INFO_TYPE_FID) {
+      out.objectKey = std::move(key);
+      continue;
+    }
+    if (header.info_type == FAN_EVENT_INFO_TYPE_DFID) {
+      out.entry = Named{std::move(key), ""};
+      continue;
+    }
+    const char* name = body + fixed + handle.bytes;
+    const size_t room = header.len - fixed - handle.bytes;
+    const size_t length = strnlen(name, room);
+    if (length == room) return false;  // no terminating NUL
+    Named named{std::move(key), std::string(name, length)};
+    if (header.info_type == FAN_EVENT_INFO_TYPE_DFID_NAME) {
+      out.entry = std::move(named);
+    } else if (header.info_type == FAN_EVENT_INFO_TYPE_OLD_DFID_NAME) {
+      out.oldEntry = std::move(named);
+    } else {
+      out.newEntry = std::move(named);
+    }
+  }
+  return true;
+}
+
+void FanotifyDecoder::handle(const char* buffer, size_t length) {
+  const auto* metadata = reinterpret_cast<const fanotify_event_metadata*>(buffer);
+  size_t left = length;
+  while (left >= sizeof(fanotify_event_metadata)) {
+    if (metadata->vers != FANOTIFY_METADATA_VERSION ||
+        metadata->event_len < sizeof(fanotify_event_metadata) || metadata->event_len > left ||
+        metadata->metadata_len < sizeof(fanotify_event_metadata) ||
+        metadata->metadata_len > metadata->event_len) {
+      ++counters_.malformed;
+      LOG_ERROR("fanotify record malformed (version %d, %u bytes of %zu); rest of the read dropped.",
+                metadata->vers, metadata->event_len, left);
+      return;
+    }
+    if (metadata->fd >= 0) close(metadata->fd);  // not in FID mode, but never leak one
+    if (metadata->mask & FAN_Q_OVERFLOW) {
+      ++counters_.overflows;
+      LOG_ERROR("fanotify queue overflowed: file events were lost (%llu overflows in all).",
+                static_cast<unsigned long long>(counters_.overflows));
+    } else if (metadata->pid != self_) {
+      Record record;
+      if (parse(metadata, record)) {
+        dispatch(record);
+      } else {
+        ++counters_.malformed;
+        LOG_ERROR("fanotify record with mask 0x%llx has malformed information; dropped.",
+                  static_cast<unsigned long long>(metadata->mask));
+      }
+    }
+    left -= metadata->event_len;
+    metadata = reinterpret_cast<const fanotify_event_metadata*>(
+        reinterpret_cast<const char*>(metadata) + metadata->event_len);
+  }
+}
+
+void FanotifyDecoder::flush() {
+  if (!pending_) return;
+  Record held = std::move(*pending_);
+  pending_.reset();
+  emitRename(held, false);
+}
+
+void FanotifyDecoder::dispatch(const Record& r) {
+  if (pending_) {
+    const Record& p = *pending_;
+    const bool mirrored = (r.mask & FAN_RENAME) && r.pid == p.pid && r.oldEntry && r.newEntry &&
+                          p.oldEntry && p.newEntry && r.oldEntry->dirKey == p.newEntry->dirKey &&
+                          r.oldEntry->name == p.newEntry->name &&
+                          r.newEntry->dirKey == p.oldEntry->dirKey &&
+                          r.newEntry->name == p.oldEntry->name;
+    if (mirrored) {
+      Record first = std::move(*pending_);
+      pending_.reset();
+      emitExchange(first);
+      return;
+    }
+    // The replaced file loses its link right after the rename.
+    const bool victim = r.mask == FAN_ATTRIB && r.pid == p.pid && r.objectKey &&
+                        r.objectKey != p.objectKey;
+    if (victim) {
+      Record held = std::move(*pending_);
+      pending_.reset();
+      emitRename(held, true);
+      return;
+    }
+    flush();
+  }
+  if (r.mask & FAN_RENAME) {
+    pending_ = r;
+    lastAttrib_.reset();
+    return;
+  }
+  if (r.mask & FAN_CREATE) {
+    const bool link = lastAttrib_ && lastAttrib_->pid == r.pid && r.objectKey &&
+                      lastAttrib_->objectKey == r.objectKey;
+    lastAttrib_.reset();
+    if (r.entry) {
+      if (auto path = pathOf(*r.entry)) {
+        if (link) {
+          emitLink(r, *path);
+        } else if (r.objectKey) {
+          rememberPath(*r.objectKey, *path);
+        }
+      }
+    }
+  }
+  if (r.mask & FAN_ATTRIB) lastAttrib_ = r;
+  std::optional<std::string> path;
+  if ((r.mask & (FAN_OPEN | FAN_CLOSE_WRITE)) && r.entry) {
+    path = pathOf(*r.entry);
+    if (path && r.objectKey) rememberPath(*r.objectKey, *path);
+  }
+  if ((r.mask & FAN_OPEN) && path) emitOpen(r, *path);
+  if (r.mask & FAN_CLOSE_WRITE) {
+    // Opened for writing is not modified: only a MODIFY since the open is.
+    const bool modified =
+        (r.mask & FAN_MODIFY) || (r.objectKey && modified_.erase(*r.objectKey) != 0);
+    if (path) emitClose(r, *path, modified);
+  } else if ((r.mask & FAN_MODIFY) && r.objectKey) {
+    if (modified_.size() >= kMaxModified) {
+      LOG_ERROR("Too many files open for writing are tracked; modified flags start over.");
+      modified_.clear();
+    }
+    modified_.insert(*r.objectKey);
+  }
+  if ((r.mask & FAN_DELETE) && r.entry) {
+    if (r.objectKey) modified_.erase(*r.objectKey);
+    if (auto path = pathOf(*r.entry)) emitUnlink(r, *path);
+  }
+}
+
+std::optional<std::string> FanotifyDecoder::pathOf(const Named& entry) {
+  std::optional<std::string> dir = resolver_.path(entry.dirKey);
+  if (!dir) {
+    ++counters_.unresolved;
+    LOG_DEBUG("A directory handle did not resolve (%{public}s); event dropped.",
+              entry.name.c_str());
+    return std::nullopt;
+  }
+  return entry.name.empty() ? *dir : joinPath(*dir, entry.name);
+}
+
+void FanotifyDecoder::rememberPath(const std::string& objectKey, const std::string& path) {
+  auto it = paths_.find(objectKey);
+  if (it != paths_.end()) {
+    it->second->second = path;
+    pathOrder_.splice(pathOrder_.begin(), pathOrder_, it->second);
+    return;
+  }
+  pathOrder_.emplace_front(objectKey, path);
+  paths_[objectKey] = pathOrder_.begin();
+  if (pathOrder_.size() > kRememberedPaths) {
+    paths_.erase(pathOrder_.back().first);
+    pathOrder_.pop_back();
+  }
+}
+
+std::optional<std::string> FanotifyDecoder::knownPath(const std::string& objectKey) {
+  auto it = paths_.find(objectKey);
+  if (it == paths_.end()) return std::nullopt;
+  return it->second->second;
+}
+
+Message* FanotifyDecoder::begin(es_event_type_t type, pid_t pid) {
+  auto* m = new Message(type, ES_ACTION_TYPE_NOTIFY);
+  std::optional<ProcessInfo> info = sink_.processes().lookup(pid);
+  ProcessInfo known = info ? *info : ProcessInfo{};
+  if (!info) known.pid = pid;
+  m->es.process = m->addProcess(known);
+  return m;
+}
+
+es_file_t* FanotifyDecoder::file(Message& m, const std::string& path, bool withStat) {
+  struct stat st{};
+  const bool ok = withStat && resolver_.stat(path, &st);
+  return m.addFile(path, ok ? &st : nullptr);
+}
+
+void FanotifyDecoder::emitOpen(const Record& r, const std::string& path) {
+  if (!sink_.wants(ES_EVENT_TYPE_NOTIFY_OPEN)) return;
+  Message* m = begin(ES_EVENT_TYPE_NOTIFY_OPEN, r.pid);
+  m->es.event.open.fflag = kFRead;
+  m->es.event.open.file = file(*m, path, true);
+  sink_.deliver(m);
+}
+
+void FanotifyDecoder::emitClose(const Record& r, const std::string& path, bool modified) {
+  if (!sink_.wants(ES_EVENT_TYPE_NOTIFY_CLOSE)) return;
+  Message* m = begin(ES_EVENT_TYPE_NOTIFY_CLOSE, r.pid);
+  m->es.event.close.modified = modified;
+  m->es.event.close.target = file(*m, path, true);
+  sink_.deliver(m);
+}
+
+void FanotifyDecoder::emitRename(const Record& r, bool existing) {
+  if (!r.oldEntry || !r.newEntry) return;
+  std::optional<std::string> from = pathOf(*r.oldEntry);
+  std::optional<std::string> newDir = resolver_.path(r.newEntry->dirKey);
+  if (!from || !newDir) {
+    ++counters_.unresolved;
+    return;
+  }
+  const std::string to = joinPath(*newDir, r.newEntry->name);
+  if (r.objectKey) rememberPath(*r.objectKey, to);
+  if (!sink_.wants(ES_EVENT_TYPE_NOTIFY_RENAME)) return;
+  Message* m = begin(ES_EVENT_TYPE_NOTIFY_RENAME, r.pid);
+  es_event_rename_t& rename = m->es.event.rename;
+  // The moved file now lives at `to`: its size is read there.
+  struct stat st{};
+  const bool ok = resolver_.stat(to, &st);
+  rename.source = m->addFile(*from, ok ? &st : nullptr);
+  if (existing) {
+    rename.destination_type = ES_DESTINATION_TYPE_EXISTING_FILE;
+    rename.destination.existing_file = m->addFile(to, ok ? &st : nullptr);
+  } else {
+    rename.destination_type = ES_DESTINATION_TYPE_NEW_PATH;
+    rename.destination.new_path.dir = file(*m, *newDir, true);
+    rename.destination.new_path.filename = m->addString(r.newEntry->name);
+  }
+  sink_.deliver(m);
+}
+
+void FanotifyDecoder::emitExchange(const Record& first) {
+  std::optional<std::string> a = pathOf(*first.oldEntry);
+  std::optional<std::string> b = pathOf(*first.newEntry);
+  if (!a || !b || !sink_.wants(ES_EVENT_TYPE_NOTIFY_EXCHANGEDATA)) return;
+  Message* m = begin(ES_EVENT_TYPE_NOTIFY_EXCHANGEDATA, first.pid);
+  m->es.event.exchangedata.file1 = file(*m, *a, true);
+  m->es.event.exchangedata.file2 = file(*m, *b, true);
+  sink_.deliver(m);
+}
+
+void FanotifyDecoder::emitLink(const Record& r, const std::string& targetPath) {
+  std::optional<std::string> source = knownPath(*r.objectKey);
+  if (!source || *source == targetPath) {
+    source = resolver_.path(*r.objectKey);
+  }
+  if (!source || *source == targetPath) {
+    LOG_DEBUG("Link source of %{public}s is not known; the new name stands for it.",
+              targetPath.c_str());
+    source = targetPath;
+  }
+  if (!sink_.wants(ES_EVENT_TYPE_NOTIFY_LINK)) return;
+  std::optional<std::string> dir = resolver_.path(r.entry->dirKey);
+  if (!dir) return;
+  Message* m = begin(ES_EVENT_TYPE_NOTIFY_LINK, r.pid);
+  m->es.event.link.source = file(*m, *source, true);
+  m->es.event.link.target_dir = file(*m, *dir, true);
+  m->es.event.link.target_filename = m->addString(r.entry->name);
+  sink_.deliver(m);
+}
+
+void FanotifyDecoder::emitUnlink(const Record& r, const std::string& path) {
+  if (!sink_.wants(ES_EVENT_TYPE_NOTIFY_UNLINK)) return;
+  Message* m = begin(ES_EVENT_TYPE_NOTIFY_UNLINK, r.pid);
+  m->es.event.unlink.target = m->addFile(path, nullptr);
+  std::optional<std::string> dir = resolver_.path(r.entry->dirKey);
+  m->es.event.unlink.parent_dir = file(*m, dir ? *dir : std::string(), dir.has_value());
+  sink_.deliver(m);
+}
+
+}  // namespace endpointsecurity::linux_es

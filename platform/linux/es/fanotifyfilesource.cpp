@@ -1,0 +1,255 @@
+#include "es/fanotifyfilesource.h"
+
+#include <fcntl.h>
+#include <limits.h>
+#include <poll.h>
+#include <sys/fanotify.h>
+#include <sys/stat.h>
+#include <sys/statfs.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <vector>
+
+#include "dispatch/threadname.h"
+#include "es/mounts.h"
+#include "log/log.h"
+
+LUMO_LOG_MODULE("LINUX_ES")
+
+namespace endpointsecurity::linux_es {
+
+namespace {
+
+constexpr es_event_type_t kTypes[] = {
+    ES_EVENT_TYPE_NOTIFY_OPEN, ES_EVENT_TYPE_NOTIFY_CLOSE,  ES_EVENT_TYPE_NOTIFY_RENAME,
+    ES_EVENT_TYPE_NOTIFY_LINK, ES_EVENT_TYPE_NOTIFY_UNLINK, ES_EVENT_TYPE_NOTIFY_EXCHANGEDATA};
+
+// How long a rename waits for the record that tells what it was.
+constexpr int kHoldMillis = 5;
+
+std::string readAll(const char* path) {
+  std::ifstream in(path);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+}  // namespace
+
+FanotifyFileSource::FanotifyFileSource(IEventSink& sink)
+    : sink_(sink), decoder_(sink, *this, getpid()) {}
+
+FanotifyFileSource::~FanotifyFileSource() { stop(); }
+
+EventSet FanotifyFileSource::types() const {
+  EventSet set;
+  for (es_event_type_t type : kTypes) set.set(type);
+  return set;
+}
+
+uint64_t FanotifyFileSource::maskFor(const EventSet& wanted) {
+  uint64_t mask = 0;
+  if (wanted.test(ES_EVENT_TYPE_NOTIFY_OPEN)) mask |= FAN_OPEN;
+  // A modification is remembered from MODIFY to the writer's close.
+  if (wanted.test(ES_EVENT_TYPE_NOTIFY_CLOSE)) mask |= FAN_MODIFY | FAN_CLOSE_WRITE;
+  // ATTRIB tells an overwriting rename (the victim's link count) and a
+  // hard link (the source's) apart from the plain cases.
+  if (wanted.test(ES_EVENT_TYPE_NOTIFY_RENAME) || wanted.test(ES_EVENT_TYPE_NOTIFY_EXCHANGEDATA)) {
+    mask |= FAN_RENAME | FAN_ATTRIB;
+  }
+  if (wanted.test(ES_EVENT_TYPE_NOTIFY_LINK)) mask |= FAN_CREATE | FAN_ATTRIB;
+  if (wanted.test(ES_EVENT_TYPE_NOTIFY_UNLINK)) mask |= FAN_DELETE;
+  return mask;
+}
+
+bool FanotifyFileSource::openGroup(std::string* why) {
+  fd_ = fanotify_init(FAN_CLASS_NOTIF | FAN_CLOEXEC | FAN_UNLIMITED_QUEUE | FAN_UNLIMITED_MARKS |
+                          FAN_REPORT_DFID_NAME_TARGET,
+                      O_RDONLY | O_LARGEFILE | O_CLOEXEC);
+  if (fd_ < 0) {
+    *why = strerror(errno);
+    return false;
+  }
+  return true;
+}
+
+void FanotifyFileSource::closeGroup() {
+  stopping_.store(true);
+  if (thread_.joinable()) thread_.join();
+  stopping_.store(false);
+  if (fd_ >= 0) close(fd_);
+  fd_ = -1;
+  std::lock_guard<std::mutex> lock(marksMutex_);
+  for (auto& [fsid, marked] : marked_) close(marked.fd);
+  marked_.clear();
+  devices_.clear();
+}
+
+bool FanotifyFileSource::markMounts(const std::string& mountInfo) {
+  bool ok = true;
+  for (const MountEntry& mount : parseMountInfo(mountInfo)) {
+    if (!watchableFsType(mount.fsType)) continue;
+    struct stat st{};
+    if (::stat(mount.path.c_str(), &st) != 0 || devices_.count(st.st_dev) != 0) continue;
+    // open_by_handle_at takes no O_PATH descriptor for the mount.
+    const int root = open(mount.path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (root < 0) continue;
+    struct statfs fs{};
+    if (fstatfs(root, &fs) != 0 ||
+        fanotify_mark(fd_, FAN_MARK_ADD | FAN_MARK_FILESYSTEM, mask_, AT_FDCWD,
+                      mount.path.c_str()) != 0) {
+      // File systems without file handles (and some FUSE ones) can't be
+      // watched in FID mode.
+      LOG_DEBUG("Not watching files on %{public}s (%{public}s): %{public}s", mount.path.c_str(),
+                mount.fsType.c_str(), strerror(errno));
+      devices_.insert(st.st_dev);
+      close(root);
+      continue;
+    }
+    devices_.insert(st.st_dev);
+    std::string fsid(reinterpret_cast<const char*>(&fs.f_fsid), sizeof fs.f_fsid);
+    std::lock_guard<std::mutex> lock(marksMutex_);
+    auto [it, added] = marked_.emplace(fsid, Marked{root, mount.path});
+    if (!added) close(root);
+    LOG_DEBUG("Watching files on %{public}s (%{public}s).", mount.path.c_str(),
+              mount.fsType.c_str());
+  }
+  return ok;
+}
+
+bool FanotifyFileSource::apply(const EventSet& wanted) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  const uint64_t mask = maskFor(wanted);
+  if (mask == mask_) return true;
+  if (mask == 0) {
+    closeGroup();
+    mask_ = 0;
+    LOG_INFO("File events: fanotify group closed (nothing subscribed).");
+    return true;
+  }
+  if (fd_ < 0) {
+    std::string why;
+    if (!openGroup(&why)) {
+      LOG_ERROR("File events: fanotify in FID mode unavailable (%{public}s); files stay silent.",
+                why.c_str());
+      return false;
+    }
+    mask_ = mask;
+    markMounts(readAll("/proc/self/mountinfo"));
+    LOG_INFO("File events: fanotify FID group with filesystem marks on %d file systems.",
+             static_cast<int>(marked_.size()));
+    thread_ = std::thread([this] { run(); });
+    return true;
+  }
+  // Change the marks in place: drop what is no longer wanted, add the rest.
+  std::lock_guard<std::mutex> marksLock(marksMutex_);
+  bool ok = true;
+  for (auto& [fsid, marked] : marked_) {
+    const uint64_t gone = mask_ & ~mask;
+    if (gone != 0 &&
+        fanotify_mark(fd_, FAN_MARK_REMOVE | FAN_MARK_FILESYSTEM, gone, AT_FDCWD,
+                      marked.path.c_str()) != 0) {
+      ok = false;
+    }
+    if (fanotify_mark(fd_, FAN_MARK_ADD | FAN_MARK_FILESYSTEM, mask, AT_FDCWD,
+                      marked.path.c_str()) != 0) {
+      LOG_ERROR("Updating the file marks on %{public}s failed: %{public}s", marked.path.c_str(),
+                strerror(errno));
+      ok = false;
+    }
+  }
+  mask_ = mask;
+  return ok;
+}
+
+void FanotifyFileSource::stop() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  closeGroup();
+  mask_ = 0;
+}
+
+std::optional<std::string> FanotifyFileSource::path(const std::string& key) {
+  constexpr size_t kFsid = sizeof(__kernel_fsid_t);
+  if (key.size() < kFsid + sizeof(file_handle)) return std::nullopt;
+  int mountFd = -1;
+  {
+    std::lock_guard<std::mutex> lock(marksMutex_);
+    auto it = marked_.find(key.substr(0, kFsid));
+    if (it == marked_.end()) {
+      LOG_DEBUG("No marked file system has the fsid of a handle.");
+      return std::nullopt;
+    }
+    mountFd = it->second.fd;
+  }
+  std::vector<char> handle(key.begin() + kFsid, key.end());
+  const int fd = open_by_handle_at(mountFd, reinterpret_cast<file_handle*>(handle.data()),
+                                   O_PATH | O_CLOEXEC);
+  if (fd < 0) {
+    LOG_DEBUG("open_by_handle_at: %{public}s", strerror(errno));  // ESTALE: gone since
+    return std::nullopt;
+  }
+  char buf[PATH_MAX];
+  const std::string link = "/proc/self/fd/" + std::to_string(fd);
+  const ssize_t n = readlink(link.c_str(), buf, sizeof buf - 1);
+  close(fd);
+  if (n <= 0) return std::nullopt;
+  std::string path(buf, static_cast<size_t>(n));
+  constexpr std::string_view kDeleted = " (deleted)";
+  if (path.size() > kDeleted.size() && path.ends_with(kDeleted)) {
+    path.resize(path.size() - kDeleted.size());
+  }
+  return path;
+}
+
+bool FanotifyFileSource::stat(const std::string& path, struct stat* st) {
+  return lstat(path.c_str(), st) == 0;
+}
+
+void FanotifyFileSource::run() {
+  tarvex::itx::rtn::linux_platform::nameThread("lumo-es-fanotify");
+  const int mounts = open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC);
+  std::vector<char> buffer(256 * 1024);
+  std::string pendingTable;
+  while (!stopping_.load()) {
+    pollfd fds[2] = {{fd_, POLLIN, 0}, {mounts, POLLPRI, 0}};
+    const int ready = poll(fds, mounts >= 0 ? 2 : 1, decoder_.holding() ? kHoldMillis : 200);
+    if (ready == 0) {
+      decoder_.flush();
+      continue;
+    }
+    if (ready < 0) continue;
+    if (mounts >= 0 && (fds[1].revents & (POLLPRI | POLLERR))) {
+      // Reading the table to its end re-arms the notification.
+      std::string table;
+      char chunk[8192];
+      lseek(mounts, 0, SEEK_SET);
+      for (ssize_t n; (n = read(mounts, chunk, sizeof chunk)) > 0;) table.append(chunk, n);
+      pendingTable = std::move(table);
+    }
+    if (!pendingTable.empty()) {
+      // apply() holds the lock while it joins this thread: never wait for
+      // it; a busy lock means another try on the next round.
+      std::unique_lock<std::mutex> lock(mutex_, std::try_to_lock);
+      if (lock.owns_lock() && !stopping_.load()) {
+        markMounts(pendingTable);
+        pendingTable.clear();
+      }
+    }
+    if (fds[0].revents & POLLIN) {
+      const ssize_t n = read(fd_, buffer.data(), buffer.size());
+      if (n > 0) {
+        decoder_.handle(buffer.data(), static_cast<size_t>(n));
+      } else if (n < 0 && errno != EAGAIN && errno != EINTR) {
+        LOG_ERROR("Reading file events failed: %{public}s", strerror(errno));
+      }
+    }
+  }
+  decoder_.flush();
+  if (mounts >= 0) close(mounts);
+}
+
+}  // namespace endpointsecurity::linux_es

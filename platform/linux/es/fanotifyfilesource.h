@@ -1,0 +1,61 @@
+#pragma once
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+
+#include "es/eventsource.h"
+#include "es/fanotifydecoder.h"
+
+namespace endpointsecurity::linux_es {
+
+// File notifications from one fanotify group in FID mode with a filesystem
+// mark on every watchable file system, new mounts included as they appear.
+// The marked events follow the wanted types; with none wanted the group is
+// closed. The queue is unlimited; an overflow is still counted and logged.
+class FanotifyFileSource final : public IEventSource, private IHandleResolver {
+ public:
+  explicit FanotifyFileSource(IEventSink& sink);
+  ~FanotifyFileSource() override;
+
+  const char* name() const override { return "fanotify-files"; }
+  EventSet types() const override;
+  bool apply(const EventSet& wanted) override;
+  void stop() override;
+
+  // The fanotify mask for a set of wanted types, public for tests.
+  static uint64_t maskFor(const EventSet& wanted);
+
+ private:
+  struct Marked {
+    int fd;  // root of the mount, for open_by_handle_at
+    std::string path;
+  };
+
+  bool openGroup(std::string* why);
+  void closeGroup();
+  // Marks every watchable file system of the mount table not marked yet.
+  bool markMounts(const std::string& mountInfo);
+  void run();
+
+  // IHandleResolver
+  std::optional<std::string> path(const std::string& key) override;
+  bool stat(const std::string& path, struct stat* st) override;
+
+  IEventSink& sink_;
+  FanotifyDecoder decoder_;
+  std::mutex mutex_;  // group, marks and the thread's start/stop
+  int fd_ = -1;
+  uint64_t mask_ = 0;
+  std::mutex marksMutex_;               // marked_, read by the reader thread
+  std::map<std::string, Marked> marked_;  // by fsid bytes
+  std::set<dev_t> devices_;
+  std::thread thread_;
+  std::atomic<bool> stopping_{false};
+};
+
+}  // namespace endpointsecurity::linux_es
