@@ -7,6 +7,7 @@
 #ifdef LUMO_HAVE_BPF
 #include "es/bpfprocesssource.h"
 #endif
+#include "es/fanotifyauthsource.h"
 #include "es/fanotifyfilesource.h"
 #include "es/linuxendpointsecurity.h"
 #include "es/procconnectorsource.h"
@@ -62,6 +63,7 @@ endpointsecurity::IEndpointSecurityApi* makeEndpointSecurity(IClock& clock, IDis
   addProcessTier(*hub);
   // Opened on the first file subscription; it logs then what it could mark.
   hub->addSource(std::make_unique<endpointsecurity::linux_es::FanotifyFileSource>(*hub));
+  hub->addSource(std::make_unique<endpointsecurity::linux_es::FanotifyAuthSource>(*hub));
   return hub;
 }
 

@@ -361,15 +361,19 @@ es_return_t LinuxEndpointSecurity::unmuteAllPaths(es_client_t* client) {
 }
 
 uint32_t LinuxEndpointSecurity::execArgCount(const es_event_exec_t* event) {
-  if (event == nullptr || event->args.data == nullptr) return 0;
-  return static_cast<uint32_t>(event->args.size);
+  Message* owner = ownerOf(event);
+  return owner != nullptr ? owner->argCount() : 0;
 }
 
 es_string_token_t LinuxEndpointSecurity::execArg(const es_event_exec_t* event, uint32_t index) {
-  if (event == nullptr || event->args.data == nullptr || index >= event->args.size) {
-    return {0, nullptr};
-  }
-  return reinterpret_cast<const es_string_token_t*>(event->args.data)[index];
+  Message* owner = ownerOf(event);
+  return owner != nullptr ? owner->arg(index) : es_string_token_t{0, nullptr};
+}
+
+// An exec event's argument token points at the message that holds them.
+Message* LinuxEndpointSecurity::ownerOf(const es_event_exec_t* event) {
+  if (event == nullptr || event->args.data == nullptr) return nullptr;
+  return reinterpret_cast<Message*>(const_cast<uint8_t*>(event->args.data));
 }
 
 }  // namespace endpointsecurity::linux_es

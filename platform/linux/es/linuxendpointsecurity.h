@@ -102,6 +102,7 @@ class LinuxEndpointSecurity final : public IEndpointSecurityApi, public IEventSi
 
  private:
   ClientState* stateOf(es_client_t* client);
+  static Message* ownerOf(const es_event_exec_t* event);
   static bool muted(ClientState& client, const es_message_t& message);
   es_respond_result_t answer(es_client_t* client, const es_message_t* message, bool deny);
   es_return_t changeSubscription(es_client_t* client, const es_event_type_t* events,

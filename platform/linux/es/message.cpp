@@ -54,8 +54,26 @@ void Message::setExecArgs(std::vector<std::string> args) {
     args_.push_back(std::move(a));
     argTokens_.push_back({args_.back().size(), args_.back().c_str()});
   }
-  es.event.exec.args = {argTokens_.size(),
-                        reinterpret_cast<const uint8_t*>(argTokens_.data())};
+  // The facility reads arguments through the owning message.
+  es.event.exec.args = {argTokens_.size(), reinterpret_cast<const uint8_t*>(this)};
+}
+
+}  // namespace endpointsecurity::linux_es
+
+namespace endpointsecurity::linux_es {
+
+void Message::setExecArgsFetcher(std::function<std::vector<std::string>()> fetch) {
+  fetchArgs_ = std::move(fetch);
+  // Marks the event as having arguments; the tokens come on first use.
+  es.event.exec.args = {0, reinterpret_cast<const uint8_t*>(this)};
+}
+
+void Message::fetchArgs() {
+  if (!fetchArgs_) return;
+  std::call_once(argsOnce_, [this] {
+    setExecArgs(fetchArgs_());
+    fetchArgs_ = nullptr;
+  });
 }
 
 }  // namespace endpointsecurity::linux_es

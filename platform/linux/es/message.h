@@ -7,6 +7,7 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -56,8 +57,15 @@ class Message {
   es_file_t* addFile(std::string path, const struct stat* st);
   es_string_token_t addString(std::string text);
   void setExecArgs(std::vector<std::string> args);
-  uint32_t argCount() const { return static_cast<uint32_t>(argTokens_.size()); }
-  es_string_token_t arg(uint32_t index) const {
+  // Arguments read on first use: an AUTH exec's argv is fetched only when
+  // an observer asks for it (the caller waits in execve meanwhile).
+  void setExecArgsFetcher(std::function<std::vector<std::string>()> fetch);
+  uint32_t argCount() {
+    fetchArgs();
+    return static_cast<uint32_t>(argTokens_.size());
+  }
+  es_string_token_t arg(uint32_t index) {
+    fetchArgs();
     return index < argTokens_.size() ? argTokens_[index] : es_string_token_t{0, nullptr};
   }
 
@@ -78,6 +86,9 @@ class Message {
   std::deque<std::string> strings_;
   std::deque<std::string> args_;
   std::vector<es_string_token_t> argTokens_;
+  std::function<std::vector<std::string>()> fetchArgs_;
+  std::once_flag argsOnce_;
+  void fetchArgs();
 };
 
 }  // namespace endpointsecurity::linux_es

@@ -1,0 +1,252 @@
+#include "es/fanotifyauthsource.h"
+
+#include <fcntl.h>
+#include <limits.h>
+#include <poll.h>
+#include <sys/fanotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <vector>
+
+#include "dispatch/threadname.h"
+#include "es/execcall.h"
+#include "es/linuxendpointsecurity.h"
+#include "es/message.h"
+#include "es/mounts.h"
+#include "log/log.h"
+
+LUMO_LOG_MODULE("LINUX_ES")
+
+namespace endpointsecurity::linux_es {
+
+namespace {
+
+constexpr uint32_t kFRead = 0x1;
+
+std::string readAll(const char* path) {
+  std::ifstream in(path);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+std::string pathOfFd(int fd) {
+  char buf[PATH_MAX];
+  const std::string link = "/proc/self/fd/" + std::to_string(fd);
+  const ssize_t n = readlink(link.c_str(), buf, sizeof buf - 1);
+  return n > 0 ? std::string(buf, static_cast<size_t>(n)) : std::string();
+}
+
+// Whether the file behind fd is the one the exec call names, resolved the
+// way the kernel did: from the caller's working directory.
+bool namesFile(pid_t pid, const std::string& filename, int fd) {
+  if (filename.empty()) return false;
+  const std::string path =
+      filename[0] == '/' ? "/proc/" + std::to_string(pid) + "/root" + filename
+                         : "/proc/" + std::to_string(pid) + "/cwd/" + filename;
+  struct stat named{}, opened{};
+  return ::stat(path.c_str(), &named) == 0 && fstat(fd, &opened) == 0 &&
+         named.st_dev == opened.st_dev && named.st_ino == opened.st_ino;
+}
+
+}  // namespace
+
+FanotifyAuthSource::FanotifyAuthSource(LinuxEndpointSecurity& hub) : hub_(hub), self_(getpid()) {}
+
+FanotifyAuthSource::~FanotifyAuthSource() { stop(); }
+
+EventSet FanotifyAuthSource::types() const {
+  EventSet set;
+  set.set(ES_EVENT_TYPE_AUTH_EXEC);
+  set.set(ES_EVENT_TYPE_AUTH_OPEN);
+  return set;
+}
+
+void FanotifyAuthSource::closeGroup() {
+  stopping_.store(true);
+  if (thread_.joinable()) thread_.join();
+  stopping_.store(false);
+  group_.reset();  // closed once no answer is pending; the kernel allows the rest
+  marked_.clear();
+  devices_.clear();
+  mask_ = 0;
+}
+
+void FanotifyAuthSource::markMounts(const std::string& mountInfo) {
+  for (const MountEntry& mount : parseMountInfo(mountInfo)) {
+    if (!watchableFsType(mount.fsType)) continue;
+    struct stat st{};
+    if (::stat(mount.path.c_str(), &st) != 0 || !devices_.insert(st.st_dev).second) continue;
+    if (fanotify_mark(*group_, FAN_MARK_ADD | FAN_MARK_FILESYSTEM, mask_, AT_FDCWD,
+                      mount.path.c_str()) != 0) {
+      LOG_DEBUG("No permission events on %{public}s (%{public}s): %{public}s",
+                mount.path.c_str(), mount.fsType.c_str(), strerror(errno));
+      continue;
+    }
+    marked_.insert(mount.path);
+  }
+}
+
+bool FanotifyAuthSource::apply(const EventSet& wanted) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  uint64_t mask = 0;
+  if (wanted.test(ES_EVENT_TYPE_AUTH_EXEC)) mask |= FAN_OPEN_EXEC_PERM;
+  if (wanted.test(ES_EVENT_TYPE_AUTH_OPEN)) mask |= FAN_OPEN_PERM;
+  if (mask == mask_) return true;
+  if (mask == 0) {
+    closeGroup();
+    LOG_INFO("Authorisation events: permission group closed (nothing subscribed).");
+    return true;
+  }
+  if (!group_) {
+    const int fd = fanotify_init(FAN_CLASS_CONTENT | FAN_CLOEXEC | FAN_UNLIMITED_QUEUE |
+                                     FAN_UNLIMITED_MARKS,
+                                 O_RDONLY | O_LARGEFILE | O_CLOEXEC);
+    if (fd < 0) {
+      LOG_ERROR("Authorisation events: fanotify permission events unavailable (%{public}s); "
+                "AUTH types stay silent.",
+                strerror(errno));
+      return false;
+    }
+    group_ = std::shared_ptr<int>(new int(fd), [](int* p) {
+      close(*p);
+      delete p;
+    });
+    mask_ = mask;
+    markMounts(readAll("/proc/self/mountinfo"));
+    LOG_INFO("Authorisation events: fanotify permission group (%{public}s%{public}s) on %d file "
+             "systems.",
+             (mask & FAN_OPEN_EXEC_PERM) ? "exec " : "", (mask & FAN_OPEN_PERM) ? "open" : "",
+             static_cast<int>(marked_.size()));
+    thread_ = std::thread([this] { run(); });
+    return true;
+  }
+  bool ok = true;
+  for (const std::string& path : marked_) {
+    const uint64_t gone = mask_ & ~mask;
+    if (gone != 0) {
+      fanotify_mark(*group_, FAN_MARK_REMOVE | FAN_MARK_FILESYSTEM, gone, AT_FDCWD, path.c_str());
+    }
+    if (fanotify_mark(*group_, FAN_MARK_ADD | FAN_MARK_FILESYSTEM, mask, AT_FDCWD,
+                      path.c_str()) != 0) {
+      LOG_ERROR("Updating the permission marks on %{public}s failed: %{public}s", path.c_str(),
+                strerror(errno));
+      ok = false;
+    }
+  }
+  mask_ = mask;
+  return ok;
+}
+
+void FanotifyAuthSource::stop() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  closeGroup();
+}
+
+void FanotifyAuthSource::respond(int eventFd, bool allow) {
+  fanotify_response response{eventFd, static_cast<__u32>(allow ? FAN_ALLOW : FAN_DENY)};
+  if (write(*group_, &response, sizeof response) != sizeof response) {
+    LOG_ERROR("Answering a permission event failed: %{public}s", strerror(errno));
+  }
+  close(eventFd);
+}
+
+void FanotifyAuthSource::handle(int eventFd, uint64_t mask, pid_t pid) {
+  // Never make ourselves wait: our handlers may open watched files.
+  if (pid == self_) {
+    respond(eventFd, true);
+    return;
+  }
+  const bool exec = (mask & FAN_OPEN_EXEC_PERM) && hub_.wants(ES_EVENT_TYPE_AUTH_EXEC);
+  const bool open = (mask & FAN_OPEN_PERM) && hub_.wants(ES_EVENT_TYPE_AUTH_OPEN);
+  std::optional<ExecCall> call;
+  if (exec) {
+    call = readExecCall(pid);
+    // The loader and a script's interpreter are opened for exec too.
+    if (call && !namesFile(pid, call->filename, eventFd)) call.reset();
+  }
+  if (!(exec && call) && !open) {
+    respond(eventFd, true);
+    return;
+  }
+  const es_event_type_t type = exec && call ? ES_EVENT_TYPE_AUTH_EXEC : ES_EVENT_TYPE_AUTH_OPEN;
+  auto* message = new Message(type, ES_ACTION_TYPE_AUTH);
+  std::optional<ProcessInfo> caller = hub_.processes().lookup(pid);
+  ProcessInfo info = caller ? *caller : ProcessInfo{};
+  if (!caller) info.pid = pid;
+  message->es.process = message->addProcess(info);
+  struct stat st{};
+  const bool statted = fstat(eventFd, &st) == 0;
+  const std::string path = pathOfFd(eventFd);
+  if (type == ES_EVENT_TYPE_AUTH_EXEC) {
+    ProcessInfo target = info;
+    target.exe = path;
+    message->es.event.exec.target = message->addProcess(target);
+    message->budgetNanos = hub_.budgets().authExecNanos;
+    message->setExecArgsFetcher([argv = std::move(call->argv)]() mutable { return argv; });
+  } else {
+    message->es.event.open.fflag = kFRead;
+    message->es.event.open.file = message->addFile(path, statted ? &st : nullptr);
+    message->budgetNanos = hub_.budgets().authOpenNanos;
+  }
+  std::shared_ptr<int> group = group_;
+  message->verdict = std::make_shared<AuthVerdict>([group, eventFd](bool allow) {
+    fanotify_response response{eventFd, static_cast<__u32>(allow ? FAN_ALLOW : FAN_DENY)};
+    if (write(*group, &response, sizeof response) != sizeof response) {
+      LOG_ERROR("Answering a permission event failed: %{public}s", strerror(errno));
+    }
+    close(eventFd);
+  });
+  hub_.deliver(message);
+}
+
+void FanotifyAuthSource::run() {
+  tarvex::itx::rtn::linux_platform::nameThread("lumo-es-fanauth");
+  const int mounts = open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC);
+  std::vector<char> buffer(64 * 1024);
+  std::string pendingTable;
+  const int fd = *group_;
+  while (!stopping_.load()) {
+    pollfd fds[2] = {{fd, POLLIN, 0}, {mounts, POLLPRI, 0}};
+    if (poll(fds, mounts >= 0 ? 2 : 1, 200) <= 0) continue;
+    if (mounts >= 0 && (fds[1].revents & (POLLPRI | POLLERR))) {
+      std::string table;
+      char chunk[8192];
+      lseek(mounts, 0, SEEK_SET);
+      for (ssize_t n; (n = read(mounts, chunk, sizeof chunk)) > 0;) table.append(chunk, n);
+      pendingTable = std::move(table);
+    }
+    if (!pendingTable.empty()) {
+      std::unique_lock<std::mutex> lock(mutex_, std::try_to_lock);
+      if (lock.owns_lock() && !stopping_.load()) {
+        markMounts(pendingTable);
+        pendingTable.clear();
+      }
+    }
+    if (!(fds[0].revents & POLLIN)) continue;
+    const ssize_t n = read(fd, buffer.data(), buffer.size());
+    if (n <= 0) continue;
+    const auto* metadata = reinterpret_cast<const fanotify_event_metadata*>(buffer.data());
+    ssize_t left = n;
+    while (FAN_EVENT_OK(metadata, left)) {
+      if (metadata->vers != FANOTIFY_METADATA_VERSION) {
+        LOG_ERROR("Permission event of version %d; rest of the read dropped.", metadata->vers);
+        break;
+      }
+      if (metadata->mask & FAN_Q_OVERFLOW) {
+        LOG_ERROR("Permission event queue overflowed; the kernel allowed what was lost.");
+      } else if (metadata->fd >= 0) {
+        handle(metadata->fd, metadata->mask, metadata->pid);
+      }
+      metadata = FAN_EVENT_NEXT(metadata, left);
+    }
+  }
+  if (mounts >= 0) close(mounts);
+}
+
+}  // namespace endpointsecurity::linux_es

@@ -1,0 +1,58 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+
+#include "es/eventsource.h"
+
+namespace endpointsecurity::linux_es {
+
+class LinuxEndpointSecurity;
+
+// AUTH_EXEC from FAN_OPEN_EXEC_PERM and AUTH_OPEN from FAN_OPEN_PERM, on a
+// permission-class fanotify group with filesystem marks. Each permission
+// bit is marked only while its type is subscribed (an open permission
+// costs every open on the machine). The facility's own accesses are
+// allowed at once, before anything else: its handlers may touch watched
+// files and must never wait on themselves.
+//
+// Only the opening of the image an execve names becomes an AUTH_EXEC (its
+// loader and a script's interpreter are allowed at once); a script is the
+// target itself. Its arguments are read from the blocked caller only when
+// an observer asks for them. An AUTH_OPEN does not know the access the
+// caller asked for (the event's descriptor is the group's): answer flags
+// of 0 deny, any others allow.
+class FanotifyAuthSource final : public IEventSource {
+ public:
+  explicit FanotifyAuthSource(LinuxEndpointSecurity& hub);
+  ~FanotifyAuthSource() override;
+
+  const char* name() const override { return "fanotify-auth"; }
+  EventSet types() const override;
+  bool apply(const EventSet& wanted) override;
+  void stop() override;
+
+ private:
+  void closeGroup();
+  void markMounts(const std::string& mountInfo);
+  void run();
+  void handle(int eventFd, uint64_t mask, pid_t pid);
+  void respond(int eventFd, bool allow);
+
+  LinuxEndpointSecurity& hub_;
+  const pid_t self_;
+  std::mutex mutex_;
+  // Shared with pending answers: the group stays open until the last one.
+  std::shared_ptr<int> group_;
+  uint64_t mask_ = 0;
+  std::set<std::string> marked_;  // mount paths
+  std::set<dev_t> devices_;
+  std::thread thread_;
+  std::atomic<bool> stopping_{false};
+};
+
+}  // namespace endpointsecurity::linux_es
