@@ -6,6 +6,7 @@
 
 #ifdef LUMO_HAVE_BPF
 #include "es/bpfprocesssource.h"
+#include "es/bpfuipcsource.h"
 #endif
 #include "es/fanotifyauthsource.h"
 #include "es/fanotifyfilesource.h"
@@ -55,6 +56,22 @@ void addProcessTier(LinuxEndpointSecurity& hub) {
             why.c_str());
 }
 
+void addUipcTier(LinuxEndpointSecurity& hub) {
+#ifdef LUMO_HAVE_BPF
+  std::string why;
+  if (auto source = endpointsecurity::linux_es::BpfUipcSource::open(hub, &why)) {
+    LOG_INFO("Local-socket connects: BPF cgroup/connect_unix on the cgroup2 root.");
+    hub.addSource(std::move(source));
+    return;
+  }
+  LOG_WARN("Local-socket connects unavailable (%{public}s); print jobs get no submitter pid.",
+           why.c_str());
+#else
+  (void)hub;
+  LOG_WARN("Local-socket connects unavailable (not built with BPF).");
+#endif
+}
+
 }  // namespace
 
 endpointsecurity::IEndpointSecurityApi* makeEndpointSecurity(IClock& clock, IDispatch& dispatch) {
@@ -64,6 +81,7 @@ endpointsecurity::IEndpointSecurityApi* makeEndpointSecurity(IClock& clock, IDis
   // Opened on the first file subscription; it logs then what it could mark.
   hub->addSource(std::make_unique<endpointsecurity::linux_es::FanotifyFileSource>(*hub));
   hub->addSource(std::make_unique<endpointsecurity::linux_es::FanotifyAuthSource>(*hub));
+  addUipcTier(*hub);
   return hub;
 }
 

@@ -169,6 +169,7 @@ void FanotifyAuthSource::handle(int eventFd, uint64_t mask, pid_t pid) {
     call = readExecCall(pid);
     // The loader and a script's interpreter are opened for exec too.
     if (call && !namesFile(pid, call->filename, eventFd)) call.reset();
+    if (!call) LOG_DEBUG("Exec open by pid %d is not the image an execve names; allowed.", pid);
   }
   if (!(exec && call) && !open) {
     respond(eventFd, true);
