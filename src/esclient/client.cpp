@@ -3,7 +3,9 @@
 #include <bsm/libbsm.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <memory>
+#include <thread>
 
 #include "log/log.h"
 #include "rtn/clock.h"
@@ -46,17 +48,13 @@ Client::Client(const tarvex::itx::rtn::Platform& seams)
     : api(*seams.es), dispatch(*seams.dispatch), clock(*seams.clock) {}
 
 Client::~Client() {
-  // Blocks on the queues point back here: let them finish first.
-  int pending = inFlight.load();
-  while (pending != 0) {
-    inFlight.wait(pending);
-    pending = inFlight.load();
-  }
+  // Blocks on the queues point back here: let them finish first. Polled
+  // rather than waited on: this runs once, when the client is torn down,
+  // and atomic waits are not in the C++ library of every macOS it runs on.
+  while (inFlight.load() != 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 
-void Client::leaveFlight() {
-  if (inFlight.fetch_sub(1) == 1) inFlight.notify_all();
-}
+void Client::leaveFlight() { inFlight.fetch_sub(1); }
 
 bool Client::init() {
   timebase = clock.timebase();
