@@ -7,6 +7,8 @@ deps_build=(cmake ninja-build g++ pkg-config protobuf-compiler protobuf-compiler
 deps_bpf=(clang llvm libbpf-dev bpftool)
 # Running the product for a person (scripts/run.sh): a print queue to watch.
 deps_run=(cups cups-client cups-bsd printer-driver-cups-pdf)
+# bench/overhead.sh: the timer and the two peers it is compared with.
+deps_bench=(hyperfine auditd fapolicyd)
 
 install_deps() {
   local -a wanted=()
@@ -14,6 +16,7 @@ install_deps() {
     build) wanted=("${deps_build[@]}") ;;
     bpf) wanted=("${deps_bpf[@]}") ;;
     run) wanted=("${deps_run[@]}") ;;
+    bench) wanted=("${deps_bench[@]}") ;;
     *) echo "install_deps: unknown set $1" >&2; return 1 ;;
   esac
   local -a missing=()

@@ -8,6 +8,8 @@ cd "$(dirname "$0")/.."
 . scripts/deps.sh
 install_deps build
 install_deps bpf
+# CUPS with a PDF queue for the print and exec-authorisation end-to-end tests.
+install_deps run
 
 variants=${LUMO_TEST_VARIANTS:-plain address thread}
 jobs=$(nproc)

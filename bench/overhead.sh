@@ -1,0 +1,116 @@
+#!/usr/bin/env bash
+# Overhead of watching the machine: an exec-heavy and a file-heavy loop,
+# timed with hyperfine under each monitor in turn, in one run:
+#   none        no monitor
+#   lumo-notify lumo-es, process and file notifications (device control)
+#   lumo-all    lumo-es, every feature (data protection too: AUTH_EXEC
+#               for print filters, local-socket connects)
+#   auditd      auditd logging every execve
+#   fapolicyd   fapolicyd (permissive, so it checks everything but denies
+#               nothing)
+# Prints mean times and ratios to "none". Needs root.
+#   LUMO_BENCH_RUNS=N    hyperfine runs per case (default 10)
+#   LUMO_BENCH_ONLY="none lumo-all"   a subset of the monitors
+set -euo pipefail
+cd "$(dirname "$0")/.."
+[ "$(id -u)" -eq 0 ] || { echo "bench/overhead.sh needs root" >&2; exit 1; }
+
+. scripts/deps.sh
+install_deps build
+install_deps bpf
+install_deps bench
+# The peers are started and stopped here, one at a time; where their
+# packages started them as services, they are stopped for the run.
+if [ -d /run/systemd/system ]; then systemctl stop auditd fapolicyd 2>/dev/null || true; fi
+
+build=${LUMO_BENCH_BUILD:-build-bench}
+cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLUMO_BUILD_TESTS=OFF \
+  -DLUMO_BUILD_BENCH=OFF >/dev/null
+cmake --build "$build" -j "$(nproc)" --target lumo-es lumo-refdaemon >/dev/null
+bin=$(cd "$build" && pwd)
+
+runs=${LUMO_BENCH_RUNS:-10}
+monitors=${LUMO_BENCH_ONLY:-none lumo-notify lumo-all auditd fapolicyd}
+work=$(mktemp -d /var/tmp/lumo-bench.XXXXXX)
+out=$work/results
+mkdir -p "$out" "$work/files" "$work/run" "$work/root/opt/tarvex/lumo/app"
+chmod 777 "$work/run"
+
+exec_loop="bash -c 'for i in \$(seq 300); do /bin/true; done'"
+# Create, write, close, rename and delete, all in one process.
+file_loop="python3 -c 'import os
+os.chdir(\"$work/files\")
+for i in range(3000):
+    with open(\"f%d\" % i, \"w\") as f: f.write(\"data\")
+    os.rename(\"f%d\" % i, \"g%d\" % i)
+    os.unlink(\"g%d\" % i)'"
+
+pids=()
+stop_all() {
+  for p in "${pids[@]}"; do kill -KILL "$p" 2>/dev/null || true; done
+  pids=()
+  auditctl -D >/dev/null 2>&1 || true
+  [ -f "$work/auditd.pid" ] && kill "$(cat "$work/auditd.pid")" 2>/dev/null || true
+  pkill -F /run/fapolicyd.pid 2>/dev/null || true
+  rm -f "$work/auditd.pid"
+  sleep 1
+}
+trap 'stop_all; rm -rf "$work"' EXIT
+
+start_lumo() {
+  local policy=$1
+  "$bin/lumo-refdaemon" --runtime-dir "$work/run" --policy "$policy" --print-verdict allow \
+    >"$work/daemon.out" 2>&1 </dev/null &
+  pids+=($!)
+  LUMO_LOG_STDERR=1 LUMO_PRODUCT_ROOT="$work/root" LUMO_RUNTIME_DIR="$work/run" "$bin/lumo-es" \
+    >"$work/lumo-es.log" 2>&1 &
+  pids+=($!)
+  for _ in $(seq 100); do grep -q '"reply":"setPolicy' "$work/daemon.out" 2>/dev/null && break; sleep 0.1; done
+  grep -q '"reply":"setPolicy' "$work/daemon.out" || { echo "lumo-es did not take the policy" >&2; exit 1; }
+  # The daemon's JSON lines are part of the cost; they go to a file.
+}
+
+start_monitor() {
+  case $1 in
+    none) ;;
+    lumo-notify) start_lumo dup=0,webcontrol=0,devicecontrol=1,antitampering=0 ;;
+    lumo-all) start_lumo dup=1,webcontrol=1,devicecontrol=1,antitampering=0 ;;
+    auditd)
+      auditd -n >/dev/null 2>&1 &
+      echo $! >"$work/auditd.pid"
+      sleep 1
+      auditctl -D >/dev/null
+      auditctl -a always,exit -F arch=b64 -S execve -k lumo-bench >/dev/null ;;
+    fapolicyd)
+      fapolicyd --permissive >/dev/null 2>&1
+      for _ in $(seq 100); do [ -f /run/fapolicyd.pid ] && break; sleep 0.1; done
+      sleep 2 ;;
+  esac
+}
+
+for m in $monitors; do
+  echo "=== $m"
+  start_monitor "$m"
+  hyperfine --style basic --warmup 2 --runs "$runs" --export-json "$out/$m.json" \
+    -n exec "$exec_loop" -n files "$file_loop" | grep -E "Time|±" || true
+  stop_all
+done
+
+python3 - "$out" $monitors <<'PY'
+import json, sys, os
+out, monitors = sys.argv[1], sys.argv[2:]
+means = {}
+for m in monitors:
+    with open(os.path.join(out, m + ".json")) as f:
+        for r in json.load(f)["results"]:
+            means[(m, r["command"])] = (r["mean"], r["stddev"])
+print()
+print("%-12s %14s %8s %14s %8s" % ("monitor", "exec loop", "ratio", "file loop", "ratio"))
+for m in monitors:
+    row = [m]
+    for w in ("exec", "files"):
+        mean, sd = means[(m, w)]
+        base = means.get(("none", w), (mean, 0))[0]
+        row += ["%.3f s ± %.3f" % (mean, sd), "%.3fx" % (mean / base)]
+    print("%-12s %14s %8s %14s %8s" % tuple(row))
+PY
