@@ -21,10 +21,10 @@ class Muting : public ClientFixture {
   }
 
   static ProcessSpec signedBy(const std::string& id, pid_t pid = 900) {
-    ProcessSpec spec;
-    spec.pid = pid;
-    spec.signingId = id;
-    return spec;
+    ProcessSpec shape;
+    shape.pid = pid;
+    shape.signingId = id;
+    return shape;
   }
 
   RecordingObserver watcher{"Watcher",

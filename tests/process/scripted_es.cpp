@@ -42,15 +42,15 @@ std::string text(const std::map<std::string, std::string>& f, const char* key) {
 }
 
 ProcessSpec processOf(const std::map<std::string, std::string>& f, const char* pidKey = "pid") {
-  ProcessSpec spec;
-  spec.pid = static_cast<pid_t>(number(f, pidKey, 4242));
-  spec.ppid = static_cast<pid_t>(number(f, "ppid", 1));
-  spec.ruid = static_cast<uid_t>(number(f, "uid", 0));
-  spec.euid = spec.ruid;
-  if (f.count("path")) spec.path = text(f, "path");
-  if (f.count("signing")) spec.signingId = text(f, "signing");
-  spec.platform = number(f, "platform", 0) != 0;
-  return spec;
+  ProcessSpec shape;
+  shape.pid = static_cast<pid_t>(number(f, pidKey, 4242));
+  shape.ppid = static_cast<pid_t>(number(f, "ppid", 1));
+  shape.ruid = static_cast<uid_t>(number(f, "uid", 0));
+  shape.euid = shape.ruid;
+  if (f.count("path")) shape.path = text(f, "path");
+  if (f.count("signing")) shape.signingId = text(f, "signing");
+  shape.platform = number(f, "platform", 0) != 0;
+  return shape;
 }
 
 }  // namespace

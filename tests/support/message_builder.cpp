@@ -2,14 +2,14 @@
 
 namespace lumo::testing {
 
-audit_token_t makeToken(const ProcessSpec& spec) {
+audit_token_t makeToken(const ProcessSpec& shape) {
   audit_token_t token{};
-  token.val[0] = spec.ruid;
-  token.val[1] = spec.euid;
-  token.val[3] = spec.ruid;
-  token.val[5] = static_cast<unsigned>(spec.pid);
-  token.val[6] = static_cast<unsigned>(spec.asid);
-  token.val[7] = static_cast<unsigned>(spec.pidversion);
+  token.val[0] = shape.ruid;
+  token.val[1] = shape.euid;
+  token.val[3] = shape.ruid;
+  token.val[5] = static_cast<unsigned>(shape.pid);
+  token.val[6] = static_cast<unsigned>(shape.asid);
+  token.val[7] = static_cast<unsigned>(shape.pidversion);
   return token;
 }
 
@@ -19,22 +19,22 @@ es_string_token_t TestMessage::token(const std::optional<std::string>& text) {
   return {kept.size(), kept.c_str()};
 }
 
-es_file_t* TestMessage::file(const FileSpec& spec) {
+es_file_t* TestMessage::file(const FileSpec& shape) {
   es_file_t& f = files_.emplace_back();
-  f.path = token(spec.path);
-  f.stat.st_size = spec.size;
+  f.path = token(shape.path);
+  f.stat.st_size = shape.size;
   return &f;
 }
 
-es_process_t* TestMessage::process(const ProcessSpec& spec) {
+es_process_t* TestMessage::process(const ProcessSpec& shape) {
   es_process_t& p = processes_.emplace_back();
-  p.audit_token = makeToken(spec);
-  p.ppid = spec.ppid;
-  p.original_ppid = spec.ppid;
-  p.session_id = spec.asid;
-  p.is_platform_binary = spec.platform;
-  p.signing_id = token(spec.signingId);
-  p.executable = file({spec.path, 0});
+  p.audit_token = makeToken(shape);
+  p.ppid = shape.ppid;
+  p.original_ppid = shape.ppid;
+  p.session_id = shape.asid;
+  p.is_platform_binary = shape.platform;
+  p.signing_id = token(shape.signingId);
+  p.executable = file({shape.path, 0});
   return &p;
 }
 
@@ -61,8 +61,8 @@ MessageBuilder MessageBuilder::auth(es_event_type_t type) {
   return MessageBuilder(type, ES_ACTION_TYPE_AUTH);
 }
 
-MessageBuilder& MessageBuilder::process(const ProcessSpec& spec) {
-  msg_->get()->process = msg_->process(spec);
+MessageBuilder& MessageBuilder::process(const ProcessSpec& shape) {
+  msg_->get()->process = msg_->process(shape);
   return *this;
 }
 

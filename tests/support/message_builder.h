@@ -30,7 +30,7 @@ struct FileSpec {
   off_t size = 0;
 };
 
-audit_token_t makeToken(const ProcessSpec& spec);
+audit_token_t makeToken(const ProcessSpec& shape);
 
 // A message and everything it points to.
 class TestMessage {
@@ -39,8 +39,8 @@ class TestMessage {
   const es_message_t* get() const { return &message_; }
   const es_message_t* operator->() const { return &message_; }
 
-  es_file_t* file(const FileSpec& spec);
-  es_process_t* process(const ProcessSpec& spec);
+  es_file_t* file(const FileSpec& shape);
+  es_process_t* process(const ProcessSpec& shape);
   es_string_token_t token(const std::optional<std::string>& text);
   void setArgs(std::vector<std::string> args);
 
@@ -61,7 +61,7 @@ class MessageBuilder {
   static MessageBuilder notify(es_event_type_t type);
   static MessageBuilder auth(es_event_type_t type);
 
-  MessageBuilder& process(const ProcessSpec& spec);
+  MessageBuilder& process(const ProcessSpec& shape);
   MessageBuilder& deadline(uint64_t absolute);
   MessageBuilder& machTime(uint64_t time);
 
