@@ -24,22 +24,34 @@ using tarvex::itx::xpc::Value;
 constexpr const char* kExec = "exec pid=321 ppid=1 uid=0 path=/bin/ls args=ls,-l,/tmp";
 
 // Replies of the extension to policy and exclusions, collected across
-// threads.
-struct Replies {
-  std::mutex mutex;
-  std::condition_variable changed;
-  std::vector<bool> values;
+// threads. The state is shared with the reply blocks, so a reply that comes
+// in after the test is done lands in memory that is still there.
+class Replies {
+ public:
   tarvex::itx::xpc::ReplyBlock block() {
-    return [this](bool v) {
-      std::lock_guard<std::mutex> lock(mutex);
-      values.push_back(v);
-      changed.notify_all();
+    return [state = state_](bool v) {
+      std::lock_guard<std::mutex> lock(state->mutex);
+      state->values.push_back(v);
+      state->changed.notify_all();
     };
   }
   bool waitFor(size_t n) {
-    std::unique_lock<std::mutex> lock(mutex);
-    return changed.wait_for(lock, std::chrono::seconds(10), [&] { return values.size() >= n; });
+    std::unique_lock<std::mutex> lock(state_->mutex);
+    return state_->changed.wait_for(lock, std::chrono::seconds(10),
+                                    [&] { return state_->values.size() >= n; });
   }
+  std::vector<bool> values() const {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    return state_->values;
+  }
+
+ private:
+  struct State {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<bool> values;
+  };
+  std::shared_ptr<State> state_ = std::make_shared<State>();
 };
 
 TEST_F(ExtensionProcess, RegistersReceivesPolicyAndDeliversEvents) {
@@ -53,7 +65,7 @@ TEST_F(ExtensionProcess, RegistersReceivesPolicyAndDeliversEvents) {
   const Dictionary policy = policyDict(true, false, false);
   extensionSide->setPolicy(&policy, 1, replies.block());
   ASSERT_TRUE(replies.waitFor(1));
-  EXPECT_TRUE(replies.values[0]);
+  EXPECT_TRUE(replies.values()[0]);
   ASSERT_TRUE(extensionLogs("es: subscribe 9,11,15\n"));
 
   event(kExec);
@@ -68,7 +80,7 @@ TEST_F(ExtensionProcess, RegistersReceivesPolicyAndDeliversEvents) {
   extensionSide->setPolicy(&policy, 1, replies.block());
   extensionSide->setPolicy(&policy, 0, replies.block());
   ASSERT_TRUE(extensionLogs("Warn:  A setPolicy with older timestamp ! Not applied.\n", 2));
-  EXPECT_EQ(replies.values.size(), 1u);
+  EXPECT_EQ(replies.values().size(), 1u);
 }
 
 TEST_F(ExtensionProcess, SurvivesDaemonOutagesAndReconnects) {
@@ -162,7 +174,7 @@ TEST_F(ExtensionProcess, WrongTypedPayloadsLeaveSettingsAsTheyWere) {
   wrong.entries[1].value = Value("no");
   extensionSide->setPolicy(&wrong, 2, replies.block());
   ASSERT_TRUE(replies.waitFor(2));
-  EXPECT_FALSE(replies.values[1]);
+  EXPECT_FALSE(replies.values()[1]);
   EXPECT_TRUE(extensionLogs(
       "Assert:  Assertion failed: [ [dupState isKindOfClass:[NSNumber class]]]The setPolicy "
       "payload dupon key is not a boolean.\n"));

@@ -7,7 +7,6 @@
 #include <sstream>
 
 #include "rtn/clock.h"
-#include "rtn/platform.h"
 
 namespace lumo::testing {
 
@@ -55,8 +54,9 @@ ProcessSpec processOf(const std::map<std::string, std::string>& f, const char* p
 
 }  // namespace
 
-ScriptedEndpointSecurity::ScriptedEndpointSecurity(std::string fifoPath)
-    : fifoPath_(std::move(fifoPath)) {
+ScriptedEndpointSecurity::ScriptedEndpointSecurity(std::string fifoPath,
+                                                   tarvex::itx::rtn::IClock& clock)
+    : fifoPath_(std::move(fifoPath)), clock_(clock) {
   // Opened for writing too, so that a writer closing its end is no EOF.
   fd_ = open(fifoPath_.c_str(), O_RDWR | O_CLOEXEC);
   if (fd_ < 0) {
@@ -94,7 +94,7 @@ void ScriptedEndpointSecurity::handleLine(const std::string& line) {
   std::string kind;
   if (!(in >> kind)) return;
   const auto f = fieldsOf(in);
-  tarvex::itx::rtn::IClock& clock = *tarvex::itx::rtn::platform().clock;
+  tarvex::itx::rtn::IClock& clock = clock_;
   std::unique_ptr<TestMessage> message;
   if (kind == "exec") {
     message = MessageBuilder::notify(ES_EVENT_TYPE_NOTIFY_EXEC)

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "esclient/esapi.h"
+#include "rtn/clock.h"
 #include "support/message_builder.h"
 
 namespace lumo::testing {
@@ -27,7 +28,7 @@ namespace lumo::testing {
 //   auth-exec pid=N path=P args=a,b [deadline_ms=N] [seq=N]
 class ScriptedEndpointSecurity : public endpointsecurity::IEndpointSecurityApi {
  public:
-  explicit ScriptedEndpointSecurity(std::string fifoPath);
+  ScriptedEndpointSecurity(std::string fifoPath, tarvex::itx::rtn::IClock& clock);
   ~ScriptedEndpointSecurity() override;
 
   es_new_client_result_t newClient(es_client_t** client,
@@ -72,6 +73,7 @@ class ScriptedEndpointSecurity : public endpointsecurity::IEndpointSecurityApi {
   void report(const std::string& line);
 
   std::string fifoPath_;
+  tarvex::itx::rtn::IClock& clock_;
   int fd_ = -1;
   std::thread reader_;
   mutable std::mutex mutex_;

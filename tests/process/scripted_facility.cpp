@@ -8,13 +8,13 @@
 
 namespace tarvex::itx::rtn::linux_platform {
 
-endpointsecurity::IEndpointSecurityApi* makeEndpointSecurity(IClock&, IDispatch&) {
+endpointsecurity::IEndpointSecurityApi* makeEndpointSecurity(IClock& clock, IDispatch&) {
   const char* fifo = std::getenv("LUMO_SCRIPT_FIFO");
   if (fifo == nullptr) {
     std::fprintf(stderr, "LUMO_SCRIPT_FIFO is not set\n");
     return nullptr;
   }
-  return new lumo::testing::ScriptedEndpointSecurity(fifo);
+  return new lumo::testing::ScriptedEndpointSecurity(fifo, clock);
 }
 
 }  // namespace tarvex::itx::rtn::linux_platform
