@@ -5,6 +5,7 @@
 #include <string>
 
 #ifdef LUMO_HAVE_BPF
+#include "es/bpflsmprobe.h"
 #include "es/bpfprocesssource.h"
 #include "es/bpfuipcsource.h"
 #endif
@@ -56,6 +57,20 @@ void addProcessTier(LinuxEndpointSecurity& hub) {
             why.c_str());
 }
 
+void probeLsmTier() {
+#ifdef LUMO_HAVE_BPF
+  std::string why;
+  if (endpointsecurity::linux_es::bpfLsmAvailable(&why)) {
+    LOG_INFO("Authorisation: BPF LSM programs run here; answers still come from fanotify "
+             "permission events, which can wait for the observers.");
+    return;
+  }
+  LOG_INFO("Authorisation: BPF LSM tier unavailable (%{public}s); fanotify permission events "
+           "only.",
+           why.c_str());
+#endif
+}
+
 void addUipcTier(LinuxEndpointSecurity& hub) {
 #ifdef LUMO_HAVE_BPF
   std::string why;
@@ -81,6 +96,7 @@ endpointsecurity::IEndpointSecurityApi* makeEndpointSecurity(IClock& clock, IDis
   // Opened on the first file subscription; it logs then what it could mark.
   hub->addSource(std::make_unique<endpointsecurity::linux_es::FanotifyFileSource>(*hub));
   hub->addSource(std::make_unique<endpointsecurity::linux_es::FanotifyAuthSource>(*hub));
+  probeLsmTier();
   addUipcTier(*hub);
   return hub;
 }
