@@ -34,11 +34,12 @@ std::string joinPath(const std::string& dir, const std::string& name) {
 FanotifyDecoder::FanotifyDecoder(IEventSink& sink, IHandleResolver& resolver, pid_t self)
     : sink_(sink), resolver_(resolver), self_(self) {}
 
-bool FanotifyDecoder::parse(const fanotify_event_metadata* metadata, Record& out) {
-  out.mask = metadata->mask;
-  out.pid = metadata->pid;
-  const char* cursor = reinterpret_cast<const char*>(metadata) + metadata->metadata_len;
-  const char* end = reinterpret_cast<const char*>(metadata) + metadata->event_len;
+bool FanotifyDecoder::parse(const fanotify_event_metadata& metadata, const char* raw,
+                            Record& out) {
+  out.mask = metadata.mask;
+  out.pid = metadata.pid;
+  const char* cursor = raw + metadata.metadata_len;
+  const char* end = raw + metadata.event_len;
   while (cursor < end) {
     if (static_cast<size_t>(end - cursor) < sizeof(fanotify_event_info_header)) return false;
     fanotify_event_info_header header;
@@ -89,36 +90,38 @@ bool FanotifyDecoder::parse(const fanotify_event_metadata* metadata, Record& out
 }
 
 void FanotifyDecoder::handle(const char* buffer, size_t length) {
-  const auto* metadata = reinterpret_cast<const fanotify_event_metadata*>(buffer);
-  size_t left = length;
-  while (left >= sizeof(fanotify_event_metadata)) {
-    if (metadata->vers != FANOTIFY_METADATA_VERSION ||
-        metadata->event_len < sizeof(fanotify_event_metadata) || metadata->event_len > left ||
-        metadata->metadata_len < sizeof(fanotify_event_metadata) ||
-        metadata->metadata_len > metadata->event_len) {
+  // Records are 4-byte aligned and the metadata holds a 64-bit mask: read
+  // each through a copy.
+  size_t offset = 0;
+  while (length - offset >= sizeof(fanotify_event_metadata)) {
+    fanotify_event_metadata metadata;
+    std::memcpy(&metadata, buffer + offset, sizeof metadata);
+    const size_t left = length - offset;
+    if (metadata.vers != FANOTIFY_METADATA_VERSION ||
+        metadata.event_len < sizeof(fanotify_event_metadata) || metadata.event_len > left ||
+        metadata.metadata_len < sizeof(fanotify_event_metadata) ||
+        metadata.metadata_len > metadata.event_len) {
       ++counters_.malformed;
       LOG_ERROR("fanotify record malformed (version %d, %u bytes of %zu); rest of the read dropped.",
-                metadata->vers, metadata->event_len, left);
+                metadata.vers, metadata.event_len, left);
       return;
     }
-    if (metadata->fd >= 0) close(metadata->fd);  // not in FID mode, but never leak one
-    if (metadata->mask & FAN_Q_OVERFLOW) {
+    if (metadata.fd >= 0) close(metadata.fd);  // not in FID mode, but never leak one
+    if (metadata.mask & FAN_Q_OVERFLOW) {
       ++counters_.overflows;
       LOG_ERROR("fanotify queue overflowed: file events were lost (%llu overflows in all).",
                 static_cast<unsigned long long>(counters_.overflows));
-    } else if (metadata->pid != self_) {
+    } else if (metadata.pid != self_) {
       Record record;
-      if (parse(metadata, record)) {
+      if (parse(metadata, buffer + offset, record)) {
         dispatch(record);
       } else {
         ++counters_.malformed;
         LOG_ERROR("fanotify record with mask 0x%llx has malformed information; dropped.",
-                  static_cast<unsigned long long>(metadata->mask));
+                  static_cast<unsigned long long>(metadata.mask));
       }
     }
-    left -= metadata->event_len;
-    metadata = reinterpret_cast<const fanotify_event_metadata*>(
-        reinterpret_cast<const char*>(metadata) + metadata->event_len);
+    offset += metadata.event_len;
   }
 }
 

@@ -73,7 +73,7 @@ class FanotifyDecoder {
     std::optional<std::string> objectKey;  // FID
   };
 
-  bool parse(const fanotify_event_metadata* metadata, Record& out);
+  bool parse(const fanotify_event_metadata& metadata, const char* raw, Record& out);
   void dispatch(const Record& record);
   std::optional<std::string> pathOf(const Named& entry);
   void rememberPath(const std::string& objectKey, const std::string& path);
