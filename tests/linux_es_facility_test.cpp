@@ -4,11 +4,16 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <condition_variable>
+#include <deque>
 #include <memory>
+#include <thread>
 #include <mutex>
 #include <vector>
 
 #include "es/linuxendpointsecurity.h"
+#include "clock/monotonicclock.h"
+#include "dispatch/linuxdispatch.h"
 #include "es/message.h"
 #include "support/manual_dispatch.h"
 
@@ -381,6 +386,95 @@ TEST_F(Facility, UnansweredAuthIsAllowedAtTheDeadlineOrAtTheLastRelease) {
   dispatch.fireDueTimers();
   dispatch.runQueued();
   EXPECT_EQ(dropped.size(), 1u);
+}
+
+}  // namespace
+
+namespace {
+
+using tarvex::itx::rtn::linux_platform::LinuxDispatch;
+using tarvex::itx::rtn::linux_platform::MonotonicClock;
+
+// Deliveries from several source threads, answers from other threads,
+// while the control side mutes and resubscribes: every AUTH message gets
+// exactly one kernel answer and every message is freed.
+TEST(FacilityThreads, ConcurrentDeliveryAnswersAndControl) {
+  MonotonicClock clock;
+  LinuxDispatch dispatch(clock);
+  LinuxEndpointSecurity hub(clock, dispatch);
+  hub.addSource(std::make_unique<FakeSource>(setOf({ES_EVENT_TYPE_AUTH_EXEC})));
+
+  std::mutex mutex;
+  std::condition_variable ready;
+  std::deque<std::pair<es_client_t*, const es_message_t*>> inbox;
+  auto handler = [&](es_client_t* c, const es_message_t* m) {
+    hub.retainMessage(m);
+    std::lock_guard<std::mutex> lock(mutex);
+    inbox.emplace_back(c, m);
+    ready.notify_one();
+  };
+  es_client_t* a = nullptr;
+  es_client_t* b = nullptr;
+  ASSERT_EQ(hub.newClient(&a, handler), ES_NEW_CLIENT_RESULT_SUCCESS);
+  ASSERT_EQ(hub.newClient(&b, handler), ES_NEW_CLIENT_RESULT_SUCCESS);
+  const es_event_type_t exec = ES_EVENT_TYPE_AUTH_EXEC;
+  ASSERT_EQ(hub.subscribe(a, &exec, 1), ES_RETURN_SUCCESS);
+  ASSERT_EQ(hub.subscribe(b, &exec, 1), ES_RETURN_SUCCESS);
+
+  constexpr int kSources = 3, kPerSource = 400;
+  std::atomic<int> answers{0}, denials{0};
+  std::atomic<bool> done{false};
+  std::vector<std::thread> answerers;
+  for (int t = 0; t < 2; ++t) {
+    answerers.emplace_back([&] {
+      for (;;) {
+        std::unique_lock<std::mutex> lock(mutex);
+        ready.wait_for(lock, std::chrono::milliseconds(5), [&] { return !inbox.empty(); });
+        if (inbox.empty()) {
+          if (done.load()) return;
+          continue;
+        }
+        auto [client, message] = inbox.front();
+        inbox.pop_front();
+        lock.unlock();
+        const bool deny = audit_token_to_pid(message->process->audit_token) % 7 == 0;
+        hub.respondAuthResult(client, message, deny ? ES_AUTH_RESULT_DENY : ES_AUTH_RESULT_ALLOW,
+                              false);
+        hub.releaseMessage(message);
+      }
+    });
+  }
+  std::vector<std::thread> sources;
+  for (int s = 0; s < kSources; ++s) {
+    sources.emplace_back([&, s] {
+      for (int i = 0; i < kPerSource; ++i) {
+        auto* m = new Message(ES_EVENT_TYPE_AUTH_EXEC, ES_ACTION_TYPE_AUTH);
+        const ProcessInfo info = proc(s * kPerSource + i + 1, "/usr/bin/x");
+        m->es.process = m->addProcess(info);
+        m->es.event.exec.target = m->addProcess(info);
+        m->budgetNanos = 5'000'000'000ull;
+        m->verdict = std::make_shared<AuthVerdict>([&](bool allow) {
+          answers.fetch_add(1);
+          if (!allow) denials.fetch_add(1);
+        });
+        hub.deliver(m);
+      }
+    });
+  }
+  // The control side meanwhile.
+  for (int i = 0; i < 50; ++i) {
+    hub.mutePathPrefix(b, "/usr/bin/");
+    hub.unsubscribe(a, &exec, 1);
+    hub.unmuteAllPaths(b);
+    hub.subscribe(a, &exec, 1);
+  }
+  for (auto& t : sources) t.join();
+  done.store(true);
+  for (auto& t : answerers) t.join();
+  EXPECT_EQ(answers.load(), kSources * kPerSource);
+  EXPECT_GT(denials.load(), 0);
+  EXPECT_EQ(hub.counters().authFailsafe.load(), 0u);
+  EXPECT_EQ(hub.counters().authReleasedUnanswered.load(), 0u);
 }
 
 }  // namespace
