@@ -62,8 +62,14 @@ static __always_inline struct lumo_proc_event *record(__u32 kind) {
   return e;
 }
 
+// User space drains the buffer on its own beat; it is woken early only
+// when records pile up. A wakeup per record costs more than the record.
+#define LUMO_WAKE_AT (1 << 20)
+
 static __always_inline void emit(struct lumo_proc_event *e, __u64 size) {
-  if (bpf_ringbuf_output(&events, e, size, 0) != 0) {
+  __u64 flags = bpf_ringbuf_query(&events, BPF_RB_AVAIL_DATA) > LUMO_WAKE_AT ? BPF_RB_FORCE_WAKEUP
+                                                                             : BPF_RB_NO_WAKEUP;
+  if (bpf_ringbuf_output(&events, e, size, flags) != 0) {
     __u32 zero = 0;
     __u64 *count = bpf_map_lookup_elem(&drops, &zero);
     if (count) *count += 1;

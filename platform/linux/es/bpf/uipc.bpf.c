@@ -45,6 +45,9 @@ int lumo_connect_unix(struct bpf_sock_addr *ctx) {
   e->path_len = len;
   struct sockaddr_un *un = (struct sockaddr_un *)sa->uaddr;
   if (bpf_probe_read_kernel(e->path, sizeof(e->path), un->sun_path) != 0) e->path_len = 0;
-  bpf_ringbuf_submit(e, 0);
+  // Drained on user space's own beat, woken early only when records pile up.
+  bpf_ringbuf_submit(e, bpf_ringbuf_query(&uipc_events, BPF_RB_AVAIL_DATA) > (256 << 10)
+                            ? BPF_RB_FORCE_WAKEUP
+                            : BPF_RB_NO_WAKEUP);
   return 1;
 }
