@@ -67,7 +67,7 @@ std::optional<SyscallState> parseSyscall(const std::string& text) {
   return state;
 }
 
-std::optional<ExecCall> readExecCall(pid_t pid, const std::string& procRoot) {
+std::optional<ExecCall> readExecCall(pid_t pid, bool withArgs, const std::string& procRoot) {
   const std::string dir = procRoot + "/" + std::to_string(pid);
   std::ifstream in(dir + "/syscall");
   std::string line;
@@ -89,7 +89,7 @@ std::optional<ExecCall> readExecCall(pid_t pid, const std::string& procRoot) {
   ExecCall call;
   if (auto name = readString(mem.get(), filenameAt, kMaxString)) call.filename = *name;
   size_t bytes = 0;
-  for (size_t i = 0; argvAt != 0 && i < kMaxArgs && bytes < kMaxArgBytes; ++i) {
+  for (size_t i = 0; withArgs && argvAt != 0 && i < kMaxArgs && bytes < kMaxArgBytes; ++i) {
     uint64_t pointer = 0;
     if (!readWord(mem.get(), argvAt + i * sizeof(uint64_t), pointer) || pointer == 0) break;
     std::optional<std::string> arg = readString(mem.get(), pointer, kMaxArgBytes - bytes);

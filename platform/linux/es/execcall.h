@@ -27,7 +27,9 @@ struct SyscallState {
 };
 
 std::optional<SyscallState> parseSyscall(const std::string& text);
-// The exec call of pid, or nothing when it is not in one (or is gone).
-std::optional<ExecCall> readExecCall(pid_t pid, const std::string& procRoot = "/proc");
+// The exec call of pid, or nothing when it is not in one (or is gone);
+// the argument vector only when asked for.
+std::optional<ExecCall> readExecCall(pid_t pid, bool withArgs = true,
+                                     const std::string& procRoot = "/proc");
 
 }  // namespace endpointsecurity::linux_es

@@ -44,8 +44,9 @@ std::string pathOfFd(int fd) {
 
 // Whether the file behind fd is the one the exec call names, resolved the
 // way the kernel did: from the caller's working directory.
-bool namesFile(pid_t pid, const std::string& filename, int fd) {
+bool namesFile(pid_t pid, const std::string& filename, const std::string& openedPath, int fd) {
   if (filename.empty()) return false;
+  if (filename == openedPath) return true;  // the common case, without a lookup
   const std::string path =
       filename[0] == '/' ? "/proc/" + std::to_string(pid) + "/root" + filename
                          : "/proc/" + std::to_string(pid) + "/cwd/" + filename;
@@ -165,10 +166,12 @@ void FanotifyAuthSource::handle(int eventFd, uint64_t mask, pid_t pid) {
   const bool exec = (mask & FAN_OPEN_EXEC_PERM) && hub_.wants(ES_EVENT_TYPE_AUTH_EXEC);
   const bool open = (mask & FAN_OPEN_PERM) && hub_.wants(ES_EVENT_TYPE_AUTH_OPEN);
   std::optional<ExecCall> call;
+  std::string path;
   if (exec) {
-    call = readExecCall(pid);
+    call = readExecCall(pid, /*withArgs=*/false);
+    path = pathOfFd(eventFd);
     // The loader and a script's interpreter are opened for exec too.
-    if (call && !namesFile(pid, call->filename, eventFd)) call.reset();
+    if (call && !namesFile(pid, call->filename, path, eventFd)) call.reset();
     if (!call) LOG_DEBUG("Exec open by pid %d is not the image an execve names; allowed.", pid);
   }
   if (!(exec && call) && !open) {
@@ -181,16 +184,20 @@ void FanotifyAuthSource::handle(int eventFd, uint64_t mask, pid_t pid) {
   ProcessInfo info = caller ? *caller : ProcessInfo{};
   if (!caller) info.pid = pid;
   message->es.process = message->addProcess(info);
-  struct stat st{};
-  const bool statted = fstat(eventFd, &st) == 0;
-  const std::string path = pathOfFd(eventFd);
+  if (path.empty()) path = pathOfFd(eventFd);
   if (type == ES_EVENT_TYPE_AUTH_EXEC) {
     ProcessInfo target = info;
     target.exe = path;
     message->es.event.exec.target = message->addProcess(target);
     message->budgetNanos = hub_.budgets().authExecNanos;
-    message->setExecArgsFetcher([argv = std::move(call->argv)]() mutable { return argv; });
+    // Read when an observer asks: the caller waits in execve until answered.
+    message->setExecArgsFetcher([pid] {
+      std::optional<ExecCall> full = readExecCall(pid);
+      return full ? std::move(full->argv) : std::vector<std::string>();
+    });
   } else {
+    struct stat st{};
+    const bool statted = fstat(eventFd, &st) == 0;
     message->es.event.open.fflag = kFRead;
     message->es.event.open.file = message->addFile(path, statted ? &st : nullptr);
     message->budgetNanos = hub_.budgets().authOpenNanos;

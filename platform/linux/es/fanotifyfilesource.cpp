@@ -31,6 +31,8 @@ constexpr es_event_type_t kTypes[] = {
 
 // How long a rename waits for the record that tells what it was.
 constexpr int kHoldMillis = 5;
+// Directory paths remembered between events.
+constexpr size_t kResolvedPaths = 4096;
 // The reading beat under load.
 constexpr int kBatchMillis = 10;
 
@@ -87,22 +89,32 @@ void FanotifyFileSource::closeGroup() {
   if (fd_ >= 0) close(fd_);
   fd_ = -1;
   std::lock_guard<std::mutex> lock(marksMutex_);
-  for (auto& [fsid, marked] : marked_) close(marked.fd);
   marked_.clear();
   devices_.clear();
 }
 
 bool FanotifyFileSource::markMounts(const std::string& mountInfo) {
   bool ok = true;
-  for (const MountEntry& mount : parseMountInfo(mountInfo)) {
+  const std::vector<MountEntry> mounts = parseMountInfo(mountInfo);
+  // Forget what is gone, so a later volume on a recycled device is marked.
+  std::set<dev_t> present;
+  std::set<std::string> paths;
+  for (const MountEntry& mount : mounts) {
+    struct stat st{};
+    if (::stat(mount.path.c_str(), &st) == 0) present.insert(st.st_dev);
+    paths.insert(mount.path);
+  }
+  std::erase_if(devices_, [&](dev_t dev) { return present.count(dev) == 0; });
+  {
+    std::lock_guard<std::mutex> lock(marksMutex_);
+    std::erase_if(marked_, [&](const auto& entry) { return paths.count(entry.second.path) == 0; });
+  }
+  for (const MountEntry& mount : mounts) {
     if (!watchableFsType(mount.fsType)) continue;
     struct stat st{};
     if (::stat(mount.path.c_str(), &st) != 0 || devices_.count(st.st_dev) != 0) continue;
-    // open_by_handle_at takes no O_PATH descriptor for the mount.
-    const int root = open(mount.path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (root < 0) continue;
     struct statfs fs{};
-    if (fstatfs(root, &fs) != 0 ||
+    if (statfs(mount.path.c_str(), &fs) != 0 ||
         fanotify_mark(fd_, FAN_MARK_ADD | FAN_MARK_FILESYSTEM, mask_, AT_FDCWD,
                       mount.path.c_str()) != 0) {
       // File systems without file handles (and some FUSE ones) can't be
@@ -110,14 +122,12 @@ bool FanotifyFileSource::markMounts(const std::string& mountInfo) {
       LOG_DEBUG("Not watching files on %{public}s (%{public}s): %{public}s", mount.path.c_str(),
                 mount.fsType.c_str(), strerror(errno));
       devices_.insert(st.st_dev);
-      close(root);
       continue;
     }
     devices_.insert(st.st_dev);
     std::string fsid(reinterpret_cast<const char*>(&fs.f_fsid), sizeof fs.f_fsid);
     std::lock_guard<std::mutex> lock(marksMutex_);
-    auto [it, added] = marked_.emplace(fsid, Marked{root, mount.path});
-    if (!added) close(root);
+    marked_.emplace(fsid, Marked{mount.path});
     LOG_DEBUG("Watching files on %{public}s (%{public}s).", mount.path.c_str(),
               mount.fsType.c_str());
   }
@@ -175,35 +185,50 @@ void FanotifyFileSource::stop() {
   mask_ = 0;
 }
 
+// Paths by handle, checked on use: a directory renamed or replaced since
+// no longer has the inode its cached path leads to, and is resolved again.
+// Nothing is held open, so volumes unmount freely.
 std::optional<std::string> FanotifyFileSource::path(const std::string& key) {
   constexpr size_t kFsid = sizeof(__kernel_fsid_t);
   if (key.size() < kFsid + sizeof(file_handle)) return std::nullopt;
-  int mountFd = -1;
+  auto cached = resolved_.find(key);
+  if (cached != resolved_.end()) {
+    struct stat st{};
+    if (lstat(cached->second.path.c_str(), &st) == 0 && st.st_dev == cached->second.dev &&
+        st.st_ino == cached->second.ino) {
+      return cached->second.path;
+    }
+    resolved_.erase(cached);
+  }
+  std::string mountPath;
   {
     std::lock_guard<std::mutex> lock(marksMutex_);
     auto it = marked_.find(key.substr(0, kFsid));
-    if (it == marked_.end()) {
-      LOG_DEBUG("No marked file system has the fsid of a handle.");
-      return std::nullopt;
-    }
-    mountFd = it->second.fd;
+    if (it == marked_.end()) return std::nullopt;
+    mountPath = it->second.path;
   }
+  // open_by_handle_at takes no O_PATH descriptor for the mount.
+  const int mountFd = open(mountPath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (mountFd < 0) return std::nullopt;
   std::vector<char> handle(key.begin() + kFsid, key.end());
   const int fd = open_by_handle_at(mountFd, reinterpret_cast<file_handle*>(handle.data()),
                                    O_PATH | O_CLOEXEC);
-  if (fd < 0) {
-    LOG_DEBUG("open_by_handle_at: %{public}s", strerror(errno));  // ESTALE: gone since
-    return std::nullopt;
-  }
+  close(mountFd);
+  if (fd < 0) return std::nullopt;  // ESTALE: gone since
   char buf[PATH_MAX];
   const std::string link = "/proc/self/fd/" + std::to_string(fd);
   const ssize_t n = readlink(link.c_str(), buf, sizeof buf - 1);
+  struct stat st{};
+  const bool statted = fstat(fd, &st) == 0;
   close(fd);
   if (n <= 0) return std::nullopt;
   std::string path(buf, static_cast<size_t>(n));
   constexpr std::string_view kDeleted = " (deleted)";
   if (path.size() > kDeleted.size() && path.ends_with(kDeleted)) {
     path.resize(path.size() - kDeleted.size());
+  } else if (statted) {
+    if (resolved_.size() >= kResolvedPaths) resolved_.clear();
+    resolved_[key] = Resolved{path, st.st_dev, st.st_ino};
   }
   return path;
 }

@@ -7,6 +7,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <unordered_map>
 
 #include "es/eventsource.h"
 #include "es/fanotifydecoder.h"
@@ -32,8 +33,12 @@ class FanotifyFileSource final : public IEventSource, private IHandleResolver {
 
  private:
   struct Marked {
-    int fd;  // root of the mount, for open_by_handle_at
+    std::string path;  // the mount, for open_by_handle_at
+  };
+  struct Resolved {
     std::string path;
+    dev_t dev;
+    ino_t ino;
   };
 
   bool openGroup(std::string* why);
@@ -54,6 +59,8 @@ class FanotifyFileSource final : public IEventSource, private IHandleResolver {
   std::mutex marksMutex_;               // marked_, read by the reader thread
   std::map<std::string, Marked> marked_;  // by fsid bytes
   std::set<dev_t> devices_;
+  // Reader thread only.
+  std::unordered_map<std::string, Resolved> resolved_;
   std::thread thread_;
   std::atomic<bool> stopping_{false};
 };
