@@ -131,6 +131,40 @@ TEST(LinuxProcInfo, CacheNeverAnswersForARecycledPid) {
   EXPECT_LE(cache.size(), 1u);
 }
 
+TEST(LinuxProcInfo, MissesCatchUpFirstAndRecentExitsStillAnswer) {
+  FakeProc proc;  // empty: any read of procfs fails
+  const ProcReader reader(proc.root.string());
+  ProcessCache cache(reader);
+  ProcessInfo started;
+  started.pid = 500;
+  started.startTicks = 9;
+  started.exe = "/usr/bin/short";
+  int catchUps = 0;
+  // The tier's pending records land in the cache on the missing thread.
+  cache.setCatchUp([&] {
+    ++catchUps;
+    cache.put(started);
+    EXPECT_TRUE(cache.lookup(500));  // a nested lookup is answered, not re-entered
+  });
+  auto found = cache.lookup(500);
+  ASSERT_TRUE(found);
+  EXPECT_EQ(found->exe, "/usr/bin/short");
+  EXPECT_EQ(catchUps, 1);
+  // Exited and gone from procfs: its queued events still find it, but not
+  // under another start time.
+  cache.setCatchUp(nullptr);
+  cache.forget(500);
+  EXPECT_EQ(cache.size(), 0u);
+  ASSERT_TRUE(cache.lookup(500, 9));
+  EXPECT_FALSE(cache.lookup(500, 10));
+  // A new process under the pid replaces the exited one.
+  started.startTicks = 11;
+  started.exe = "/usr/bin/next";
+  cache.put(started);
+  cache.forget(500);
+  EXPECT_EQ(cache.lookup(500)->exe, "/usr/bin/next");
+}
+
 // Keeps what the decoder delivers.
 class RecordingSink : public IEventSink {
  public:

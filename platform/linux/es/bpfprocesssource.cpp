@@ -1,6 +1,7 @@
 #include "es/bpfprocesssource.h"
 
 #include <bpf/libbpf.h>
+#include <sys/epoll.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -19,8 +20,13 @@ namespace endpointsecurity::linux_es {
 namespace {
 
 // Records wake nobody (see the programs): the buffer is drained on this
-// beat, which bounds their latency.
+// beat, which bounds their latency, and whenever another source misses a
+// process.
 constexpr int kDrainMillis = 25;
+
+// Set while this thread drains: records handled then may look processes
+// up again, and a nested drain would take records twice.
+thread_local bool draining = false;
 
 constexpr es_event_type_t kTypes[] = {ES_EVENT_TYPE_NOTIFY_EXEC, ES_EVENT_TYPE_NOTIFY_FORK,
                                       ES_EVENT_TYPE_NOTIFY_EXIT};
@@ -74,10 +80,13 @@ std::unique_ptr<BpfProcessSource> BpfProcessSource::open(IEventSink& sink, std::
     *why = std::string("ring buffer: ") + strerror(errno);
     return nullptr;
   }
+  BpfProcessSource* raw = source.get();
+  sink.processes().setCatchUp([raw] { raw->catchUp(); });
   return source;
 }
 
 BpfProcessSource::~BpfProcessSource() {
+  sink_.processes().setCatchUp(nullptr);
   stop();
   if (ring_ != nullptr) ring_buffer__free(ring_);
   if (skel_ != nullptr) process_bpf__destroy(skel_);
@@ -148,23 +157,33 @@ void BpfProcessSource::reportDrops() {
   }
 }
 
+void BpfProcessSource::catchUp() {
+  if (draining || stopping_.load()) return;
+  std::lock_guard<std::mutex> lock(drainMutex_);
+  draining = true;
+  const int n = ring_buffer__consume(ring_);
+  draining = false;
+  if (n < 0) LOG_ERROR("Draining the process ring buffer failed: %{public}s", strerror(-n));
+}
+
 void BpfProcessSource::run() {
   tarvex::itx::rtn::linux_platform::nameThread("lumo-es-bpfproc");
   auto lastCheck = std::chrono::steady_clock::now();
+  const int epollFd = ring_buffer__epoll_fd(ring_);
   while (!stopping_.load()) {
-    int n = ring_buffer__poll(ring_, kDrainMillis);
-    // poll only drains what woke it; unwoken records are taken here.
-    if (n >= 0) n = ring_buffer__consume(ring_);
-    if (n < 0 && n != -EINTR) {
-      LOG_ERROR("Polling the process ring buffer failed: %{public}s", strerror(-n));
+    epoll_event ready{};
+    if (epoll_wait(epollFd, &ready, 1, kDrainMillis) < 0 && errno != EINTR) {
+      LOG_ERROR("Waiting on the process ring buffer failed: %{public}s", strerror(errno));
       std::this_thread::sleep_for(std::chrono::milliseconds(200));
     }
+    catchUp();
     const auto now = std::chrono::steady_clock::now();
     if (now - lastCheck >= std::chrono::seconds(1)) {
       reportDrops();
       lastCheck = now;
     }
   }
+  std::lock_guard<std::mutex> lock(drainMutex_);
   ring_buffer__consume(ring_);
   reportDrops();
 }

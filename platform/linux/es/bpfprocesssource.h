@@ -32,6 +32,9 @@ class BpfProcessSource final : public IEventSource {
   void stop() override;
 
   uint64_t dropped() const { return reportedDrops_.load(); }
+  // Takes every record the kernel has written so far, on the calling
+  // thread: a file or permission event then finds its process cached.
+  void catchUp();
 
  private:
   explicit BpfProcessSource(IEventSink& sink);
@@ -43,7 +46,8 @@ class BpfProcessSource final : public IEventSource {
   ProcessRecordDecoder decoder_;
   process_bpf* skel_ = nullptr;
   ring_buffer* ring_ = nullptr;
-  std::mutex mutex_;  // links and thread start/stop
+  std::mutex mutex_;       // links and thread start/stop
+  std::mutex drainMutex_;  // the ring and the decoder, one thread at a time
   bpf_link* links_[3] = {nullptr, nullptr, nullptr};
   std::thread thread_;
   std::atomic<bool> stopping_{false};

@@ -5,8 +5,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <cstdlib>
-#include <fstream>
 #include <sstream>
 
 namespace endpointsecurity::linux_es {
@@ -35,7 +35,7 @@ bool readWord(int mem, uint64_t address, uint64_t& out) {
 
 std::optional<std::string> readString(int mem, uint64_t address, size_t limit) {
   std::string out;
-  char chunk[256];
+  char chunk[512];
   while (out.size() < limit) {
     const ssize_t n = pread(mem, chunk, sizeof chunk, static_cast<off_t>(address + out.size()));
     if (n <= 0) return out.empty() ? std::nullopt : std::optional<std::string>(out);
@@ -69,10 +69,16 @@ std::optional<SyscallState> parseSyscall(const std::string& text) {
 
 std::optional<ExecCall> readExecCall(pid_t pid, bool withArgs, const std::string& procRoot) {
   const std::string dir = procRoot + "/" + std::to_string(pid);
-  std::ifstream in(dir + "/syscall");
-  std::string line;
-  if (!std::getline(in, line)) return std::nullopt;
-  const std::optional<SyscallState> state = parseSyscall(line);
+  // Read on the caller's exec path: one plain read, no streams.
+  char text[512];
+  ssize_t length = -1;
+  {
+    const Fd syscallFile(open((dir + "/syscall").c_str(), O_RDONLY | O_CLOEXEC));
+    if (syscallFile.get() >= 0) length = read(syscallFile.get(), text, sizeof text - 1);
+  }
+  if (length <= 0) return std::nullopt;
+  const std::string line(text, strnlen(text, static_cast<size_t>(length)));
+  const std::optional<SyscallState> state = parseSyscall(line.substr(0, line.find('\n')));
   if (!state) return std::nullopt;
   uint64_t filenameAt = 0, argvAt = 0;
   if (state->number == SYS_execve) {

@@ -1,11 +1,11 @@
 #include "es/procinfo.h"
 
+#include <fcntl.h>
 #include <limits.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
-#include <fstream>
 #include <sstream>
 #include <vector>
 
@@ -13,12 +13,20 @@ namespace endpointsecurity::linux_es {
 
 namespace {
 
+// Recent exits kept for the events still queued behind them.
+constexpr size_t kRecentExits = 1024;
+
+// procfs files are small and read on hot paths: plain reads, no streams.
 std::optional<std::string> slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return std::nullopt;
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return std::nullopt;
+  std::string text;
+  char chunk[1024];
+  ssize_t n = 0;
+  while ((n = read(fd, chunk, sizeof chunk)) > 0) text.append(chunk, static_cast<size_t>(n));
+  close(fd);
+  if (n < 0) return std::nullopt;
+  return text;
 }
 
 bool toU64(const std::string& word, uint64_t& out) {
@@ -157,17 +165,33 @@ bool ProcReader::read(pid_t pid, ProcessInfo& out) const {
   return true;
 }
 
+std::optional<ProcessInfo> ProcessCache::cached(pid_t pid, uint64_t startTicks, bool exitedToo) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto matches = [&](const ProcessInfo& info) {
+    return startTicks == 0 || info.startTicks == startTicks;
+  };
+  if (auto it = entries_.find(pid); it != entries_.end() && matches(it->second)) return it->second;
+  if (!exitedToo) return std::nullopt;
+  if (auto it = exited_.find(pid); it != exited_.end() && matches(it->second)) return it->second;
+  return std::nullopt;
+}
+
 std::optional<ProcessInfo> ProcessCache::lookup(pid_t pid, uint64_t startTicks) {
+  if (auto info = cached(pid, startTicks, false)) return info;
+  std::function<void()> catchUp;
   {
-    std::lock_guard<std::mutex> lock(mutex_);
-    auto it = entries_.find(pid);
-    if (it != entries_.end() && (startTicks == 0 || it->second.startTicks == startTicks)) {
-      return it->second;
-    }
+    std::lock_guard<std::mutex> lock(catchUpMutex_);
+    catchUp = catchUp_;
+  }
+  if (catchUp) {
+    catchUp();
+    // The tier has seen everything up to now, its exits included, so a
+    // recent exit is the process itself and not a pid since recycled.
+    if (auto info = cached(pid, startTicks, true)) return info;
   }
   ProcessInfo info;
-  if (!reader_.read(pid, info)) return std::nullopt;
-  if (startTicks != 0 && info.startTicks != startTicks) return std::nullopt;
+  if (!reader_.read(pid, info)) return cached(pid, startTicks, true);
+  if (startTicks != 0 && info.startTicks != startTicks) return cached(pid, startTicks, true);
   put(info);
   return info;
 }
@@ -178,16 +202,29 @@ void ProcessCache::put(const ProcessInfo& info) {
   // than keep stale entries.
   if (entries_.size() >= capacity_ && entries_.count(info.pid) == 0) entries_.clear();
   entries_[info.pid] = info;
+  exited_.erase(info.pid);
 }
 
 void ProcessCache::forget(pid_t pid) {
   std::lock_guard<std::mutex> lock(mutex_);
-  entries_.erase(pid);
+  auto it = entries_.find(pid);
+  if (it == entries_.end()) return;
+  if (exited_.insert_or_assign(pid, std::move(it->second)).second) exitOrder_.push_back(pid);
+  entries_.erase(it);
+  while (exitOrder_.size() > kRecentExits) {
+    exited_.erase(exitOrder_.front());
+    exitOrder_.pop_front();
+  }
 }
 
 size_t ProcessCache::size() {
   std::lock_guard<std::mutex> lock(mutex_);
   return entries_.size();
+}
+
+void ProcessCache::setCatchUp(std::function<void()> catchUp) {
+  std::lock_guard<std::mutex> lock(catchUpMutex_);
+  catchUp_ = std::move(catchUp);
 }
 
 }  // namespace endpointsecurity::linux_es

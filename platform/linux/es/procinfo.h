@@ -4,6 +4,8 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <deque>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -55,7 +57,10 @@ class ProcReader {
 };
 
 // A small cache of ProcessInfo by pid, checked against the start time so
-// that a recycled pid never answers with another process's data.
+// that a recycled pid never answers with another process's data. Reading
+// procfs costs several system calls, so a miss first lets the process
+// tier catch up with the records it has not taken yet, and processes that
+// just exited are kept a little longer for the events they left queued.
 class ProcessCache {
  public:
   explicit ProcessCache(const ProcReader& reader, size_t capacity = 8192)
@@ -64,14 +69,26 @@ class ProcessCache {
   // The process as cached, or read now. startTicks 0 accepts any entry.
   std::optional<ProcessInfo> lookup(pid_t pid, uint64_t startTicks = 0);
   void put(const ProcessInfo& info);
+  // The process exited: it is remembered among the recent exits.
   void forget(pid_t pid);
   size_t size();
 
+  // Called on a miss, on the missing thread, before procfs is read. Set
+  // by a process tier whose records are in order with the kernel's other
+  // events; it may call back into the cache. Null to clear.
+  void setCatchUp(std::function<void()> catchUp);
+
  private:
+  std::optional<ProcessInfo> cached(pid_t pid, uint64_t startTicks, bool exitedToo);
+
   const ProcReader& reader_;
   const size_t capacity_;
   std::mutex mutex_;
   std::unordered_map<pid_t, ProcessInfo> entries_;
+  std::unordered_map<pid_t, ProcessInfo> exited_;
+  std::deque<pid_t> exitOrder_;
+  std::mutex catchUpMutex_;
+  std::function<void()> catchUp_;
 };
 
 }  // namespace endpointsecurity::linux_es
