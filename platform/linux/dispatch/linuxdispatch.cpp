@@ -69,7 +69,11 @@ QueueRef LinuxDispatch::makeQueueLocked(std::string label, QosClass qos) {
       qos == QosClass::UserInteractive ? limits_.interactiveThreads : limits_.otherThreads;
   const auto spin =
       qos == QosClass::UserInteractive ? limits_.interactiveSpin : std::chrono::microseconds(0);
-  auto pool = std::make_shared<WorkerPool>(label, cap, limits_.idleTimeout, spin);
+  // Authorisation waits on its queue; everything else is short work that
+  // one busy thread gets through faster than many woken ones.
+  const Recruiting recruiting =
+      qos == QosClass::UserInteractive ? Recruiting{} : limits_.otherRecruiting;
+  auto pool = std::make_shared<WorkerPool>(label, cap, limits_.idleTimeout, spin, recruiting);
   if (closing_) {
     pool->shutdown();  // no threads yet, so nothing is joined under the lock
   } else {

@@ -21,6 +21,8 @@ struct DispatchLimits {
   // How long an idle worker of a UserInteractive queue keeps looking for
   // work before it sleeps: AUTH messages must not wait for a thread to wake.
   std::chrono::microseconds interactiveSpin{50};
+  // Queues of the other classes add a worker only when theirs seem stuck.
+  Recruiting otherRecruiting{std::chrono::milliseconds(2), 64};
 };
 
 // Dispatch on plain threads: every queue, global ones included, has its own

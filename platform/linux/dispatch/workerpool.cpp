@@ -9,11 +9,12 @@
 namespace tarvex::itx::rtn::linux_platform {
 
 WorkerPool::WorkerPool(std::string name, unsigned maxThreads, std::chrono::milliseconds idleTimeout,
-                       std::chrono::microseconds spin)
+                       std::chrono::microseconds spin, Recruiting recruiting)
     : name_(std::move(name)),
       maxThreads_(std::max(maxThreads, 1u)),
       idleTimeout_(idleTimeout),
-      spin_(spin) {}
+      spin_(spin),
+      recruiting_(recruiting) {}
 
 WorkerPool::~WorkerPool() { shutdown(); }
 
@@ -27,7 +28,7 @@ void WorkerPool::post(Task task) {
     queued_.store(tasks_.size(), std::memory_order_relaxed);
     if (!exited_.empty()) exited.swap(exited_);  // rare: workers that timed out
     // A spinning worker will find the task without being woken.
-    notify = spinning_ == 0 && recruitLocked();
+    notify = spinning_ == 0 && recruitLocked(std::chrono::steady_clock::now());
   }
   if (notify) wake_.notify_one();
   joinAll(exited);
@@ -38,7 +39,7 @@ void WorkerPool::release() {
     std::lock_guard lock(mutex_);
     released_ = true;
     // Queued work must not be stranded when an earlier spawn failed.
-    if (!stopping_ && live_ == 0 && !tasks_.empty()) recruitLocked();
+    if (!stopping_ && live_ == 0 && !tasks_.empty()) recruitLocked(std::chrono::steady_clock::now());
   }
   wake_.notify_all();
 }
@@ -82,8 +83,12 @@ unsigned WorkerPool::liveThreads() {
 // finds more work behind its own. That keeps a steady stream of posts from
 // waking or spawning a thread per task, while a backlog (or workers stuck in
 // tasks) still grows the pool to its cap. True when a waiter must be woken.
-bool WorkerPool::recruitLocked() {
+bool WorkerPool::recruitLocked(std::chrono::steady_clock::time_point now) {
   if (wakeups_ + starting_ > 0) return false;
+  if (recruiting_.stall.count() > 0 && busy_ > 0 && tasks_.size() < recruiting_.backlog &&
+      now - lastTaken_ < recruiting_.stall) {
+    return false;  // a busy worker is getting through them
+  }
   if (idle_ > 0) {
     --idle_;
     ++wakeups_;
@@ -115,12 +120,15 @@ void WorkerPool::workerMain() {
         Task task = std::move(tasks_.front());
         tasks_.pop_front();
         queued_.store(tasks_.size(), std::memory_order_relaxed);
-        const bool notify = !tasks_.empty() && recruitLocked();
+        ++busy_;
+        lastTaken_ = std::chrono::steady_clock::now();
+        const bool notify = !tasks_.empty() && recruitLocked(lastTaken_);
         lock.unlock();
         if (notify) wake_.notify_one();
         task();
       }
       lock.lock();
+      --busy_;
       continue;
     }
     if (stopping_ || released_) break;

@@ -13,6 +13,16 @@
 
 namespace tarvex::itx::rtn::linux_platform {
 
+// How a pool brings in workers. With a stall time, a worker that is busy
+// but took a task within it keeps the queue to itself: short tasks are
+// drained by one thread rather than waking one thread each. More come in
+// once the workers seem stuck (no task taken for that long) or `backlog`
+// tasks wait. Without one, every waiting task brings a worker.
+struct Recruiting {
+  std::chrono::microseconds stall{0};
+  size_t backlog = 0;
+};
+
 // The threads behind one queue. Starts with none; while tasks wait and no
 // worker is free for them, it adds threads up to maxThreads, and a worker
 // left without work for idleTimeout exits. Pools never share threads, so a
@@ -20,7 +30,8 @@ namespace tarvex::itx::rtn::linux_platform {
 class WorkerPool {
  public:
   WorkerPool(std::string name, unsigned maxThreads, std::chrono::milliseconds idleTimeout,
-             std::chrono::microseconds spin = std::chrono::microseconds(0));
+             std::chrono::microseconds spin = std::chrono::microseconds(0),
+             Recruiting recruiting = {});
   ~WorkerPool();
   WorkerPool(const WorkerPool&) = delete;
   WorkerPool& operator=(const WorkerPool&) = delete;
@@ -41,7 +52,7 @@ class WorkerPool {
   unsigned liveThreads();
 
  private:
-  bool recruitLocked();
+  bool recruitLocked(std::chrono::steady_clock::time_point now);
   void spawnLocked();
   void workerMain();
   // Looks for work without the lock for up to spin_; true if some came.
@@ -53,6 +64,7 @@ class WorkerPool {
   const unsigned maxThreads_;
   const std::chrono::milliseconds idleTimeout_;
   const std::chrono::microseconds spin_;
+  const Recruiting recruiting_;
 
   std::mutex mutex_;
   std::condition_variable wake_;
@@ -66,6 +78,8 @@ class WorkerPool {
   unsigned wakeups_ = 0;
   unsigned starting_ = 0;  // spawned, not yet at the queue
   unsigned spinning_ = 0;  // looking for work without the lock
+  unsigned busy_ = 0;      // running a task
+  std::chrono::steady_clock::time_point lastTaken_;
   std::atomic<size_t> queued_{0};  // tasks_.size(), for spinners
   bool released_ = false;
   bool stopping_ = false;

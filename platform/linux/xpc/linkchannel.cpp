@@ -158,7 +158,8 @@ void LinkChannel::startThreadLocked() {
 void LinkChannel::wakeLocked() {
   changed_.notify_all();
   const uint64_t one = 1;
-  if (wakeFd_ >= 0) {
+  if (wakeFd_ >= 0 && !wakePending_) {
+    wakePending_ = true;
     [[maybe_unused]] const ssize_t n = write(wakeFd_, &one, sizeof one);
   }
 }
@@ -237,6 +238,10 @@ LinkChannel::End LinkChannel::pump(std::string* why) {
     if (fds[1].revents & POLLIN) {
       uint64_t count;
       [[maybe_unused]] const ssize_t n = read(wakeFd_, &count, sizeof count);
+      // Whatever came before this is seen on the next round; whatever
+      // comes after writes again.
+      std::lock_guard lock(mutex_);
+      wakePending_ = false;
     }
     // Reads first: a peer that wrote and closed is heard before its EPIPE.
     if (fds[0].revents & (POLLIN | POLLHUP | POLLERR)) {

@@ -116,6 +116,9 @@ class LinkChannel : public std::enable_shared_from_this<LinkChannel> {
   bool threadStarted_ = false;
   bool invalidated_ = false;
   bool closing_ = false;
+  // The wake-up descriptor is written once until the link thread reads it:
+  // a burst of sends costs one write, not one each.
+  bool wakePending_ = false;
   bool dead_ = false;
   std::string deadReason_;  // the error handlers' text once dead
   std::deque<Outgoing> outbox_;
