@@ -1,7 +1,11 @@
 // A print job through Debian's CUPS to a PDF queue: the printer observer
 // sees the submitter's socket connect, the spool file and the filters.
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <cstring>
 
 #include <filesystem>
 #include <fstream>
@@ -15,6 +19,19 @@ namespace fs = std::filesystem;
 using lumo::testing::RealExtension;
 
 constexpr const char* kQueue = "LumoE2E";
+constexpr const char* kSchedulerSocket = "/run/cups/cups.sock";
+
+// A scheduler that died leaves its socket behind: only a connect tells.
+bool schedulerRunning() {
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return false;
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, kSchedulerSocket, sizeof address.sun_path - 1);
+  const bool up = connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+  close(fd);
+  return up;
+}
 
 int runQuietly(const std::vector<std::string>& argv, pid_t* pidOut = nullptr) {
   std::vector<char*> args;
@@ -42,8 +59,8 @@ class Printing : public RealExtension {
         !fs::exists("/usr/lib/cups/backend/cups-pdf")) {
       GTEST_SKIP() << "needs cups, cups-client and printer-driver-cups-pdf (scripts/deps.sh run)";
     }
-    if (!fs::exists("/run/cups/cups.sock")) runQuietly({"/usr/sbin/cupsd"});
-    for (int i = 0; i < 50 && !fs::exists("/run/cups/cups.sock"); ++i) {
+    if (!schedulerRunning()) runQuietly({"/usr/sbin/cupsd"});
+    for (int i = 0; i < 50 && !schedulerRunning(); ++i) {
       std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
     if (runQuietly({"/usr/sbin/lpadmin", "-p", kQueue, "-E", "-v", "cups-pdf:/", "-m",
