@@ -8,8 +8,11 @@
 #   auditd      auditd logging every execve
 #   fapolicyd   fapolicyd (permissive, so it checks everything but denies
 #               nothing)
-# Prints mean times and ratios to "none". Needs root.
-#   LUMO_BENCH_RUNS=N    hyperfine runs per case (default 10)
+# The monitors take turns over several rounds, so that drift in a shared
+# machine's speed falls on all of them alike; each ratio is to "none" of
+# the same round, and the median of the rounds is reported. Needs root.
+#   LUMO_BENCH_ROUNDS=N  rounds (default 3)
+#   LUMO_BENCH_RUNS=N    hyperfine runs per case and round (default 5)
 #   LUMO_BENCH_ONLY="none lumo-all"   a subset of the monitors
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -29,7 +32,8 @@ cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLUMO_BUILD_T
 cmake --build "$build" -j "$(nproc)" --target lumo-es lumo-refdaemon >/dev/null
 bin=$(cd "$build" && pwd)
 
-runs=${LUMO_BENCH_RUNS:-10}
+rounds=${LUMO_BENCH_ROUNDS:-3}
+runs=${LUMO_BENCH_RUNS:-5}
 monitors=${LUMO_BENCH_ONLY:-none lumo-notify lumo-all auditd fapolicyd}
 work=$(mktemp -d /var/tmp/lumo-bench.XXXXXX)
 out=$work/results
@@ -51,7 +55,6 @@ stop_all() {
   pids=()
   auditctl -D >/dev/null 2>&1 || true
   [ -f "$work/auditd.pid" ] && kill "$(cat "$work/auditd.pid")" 2>/dev/null || true
-  pkill -F /run/fapolicyd.pid 2>/dev/null || true
   rm -f "$work/auditd.pid"
   sleep 1
 }
@@ -82,35 +85,57 @@ start_monitor() {
       auditctl -D >/dev/null
       auditctl -a always,exit -F arch=b64 -S execve -k lumo-bench >/dev/null ;;
     fapolicyd)
-      fapolicyd --permissive >/dev/null 2>&1
-      for _ in $(seq 100); do [ -f /run/fapolicyd.pid ] && break; sleep 0.1; done
-      sleep 2 ;;
+      # It drops to its own user keeping a few capabilities; a root without
+      # CAP_SYS_RESOURCE (some containers and sandboxes) can't grant them.
+      [ -f /etc/fapolicyd/compiled.rules ] || fagenrules >/dev/null 2>&1 || true
+      fapolicyd --permissive --debug >"$work/fapolicyd.log" 2>&1 &
+      pids+=($!)
+      sleep 3
+      if ! kill -0 "${pids[-1]}" 2>/dev/null; then
+        echo "fapolicyd does not run here: $(grep -v '^#' "$work/fapolicyd.log" | tail -1)"
+        (( (0x$(awk '/^CapBnd/ {print $2}' /proc/self/status) >> 24) & 1 )) ||
+          echo "  (this machine's root lacks CAP_SYS_RESOURCE, which fapolicyd keeps for itself)"
+        return 1
+      fi ;;
   esac
 }
 
-for m in $monitors; do
-  echo "=== $m"
-  start_monitor "$m"
-  hyperfine --style basic --warmup 2 --runs "$runs" --export-json "$out/$m.json" \
-    -n exec "$exec_loop" -n files "$file_loop" | grep -E "Time|±" || true
-  stop_all
+declare -A skipped=()
+ran=()
+for round in $(seq "$rounds"); do
+  for m in $monitors; do
+    [ -n "${skipped[$m]:-}" ] && continue
+    echo "=== round $round: $m"
+    if ! start_monitor "$m"; then
+      skipped[$m]=1
+      stop_all
+      continue
+    fi
+    [ "$round" -eq 1 ] && ran+=("$m")
+    hyperfine --style basic --warmup 2 --runs "$runs" --export-json "$out/$m.$round.json" \
+      -n exec "$exec_loop" -n files "$file_loop" | grep -E "Time" || true
+    stop_all
+  done
 done
 
-python3 - "$out" $monitors <<'PY'
-import json, sys, os
-out, monitors = sys.argv[1], sys.argv[2:]
-means = {}
+python3 - "$out" "$rounds" "${ran[@]}" <<'PY'
+import json, os, statistics, sys
+out, rounds, monitors = sys.argv[1], int(sys.argv[2]), sys.argv[3:]
+means = {}  # (monitor, loop) -> per-round means
 for m in monitors:
-    with open(os.path.join(out, m + ".json")) as f:
-        for r in json.load(f)["results"]:
-            means[(m, r["command"])] = (r["mean"], r["stddev"])
+    for r in range(1, rounds + 1):
+        with open(os.path.join(out, "%s.%d.json" % (m, r))) as f:
+            for result in json.load(f)["results"]:
+                means.setdefault((m, result["command"]), []).append(result["mean"])
 print()
-print("%-12s %14s %8s %14s %8s" % ("monitor", "exec loop", "ratio", "file loop", "ratio"))
+print("median of %d rounds; ratio = to no monitor in the same round" % rounds)
+print("%-12s %10s %8s %10s %8s" % ("monitor", "exec loop", "ratio", "file loop", "ratio"))
 for m in monitors:
     row = [m]
     for w in ("exec", "files"):
-        mean, sd = means[(m, w)]
-        base = means.get(("none", w), (mean, 0))[0]
-        row += ["%.3f s ± %.3f" % (mean, sd), "%.3fx" % (mean / base)]
-    print("%-12s %14s %8s %14s %8s" % tuple(row))
+        mine = means[(m, w)]
+        base = means.get(("none", w), mine)
+        ratios = [a / b for a, b in zip(mine, base)]
+        row += ["%.3f s" % statistics.median(mine), "%.3fx" % statistics.median(ratios)]
+    print("%-12s %10s %8s %10s %8s" % tuple(row))
 PY
