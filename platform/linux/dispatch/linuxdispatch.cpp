@@ -26,10 +26,19 @@ const char* qosName(QosClass qos) {
   return "other";
 }
 
+class InlineQueue final : public IQueue {
+ public:
+  void async(Task task) override { task(); }
+  const char* label() const override { return "lumo.inline"; }
+};
+
 }  // namespace
 
 LinuxDispatch::LinuxDispatch(IClock& clock, DispatchLimits limits)
-    : limits_(limits), timers_(clock) {}
+    : clock_(clock),
+      limits_(std::move(limits)),
+      inline_(std::make_shared<InlineQueue>()),
+      timers_(clock) {}
 
 LinuxDispatch::~LinuxDispatch() {
   timers_.stop();
@@ -71,8 +80,14 @@ QueueRef LinuxDispatch::makeQueueLocked(std::string label, QosClass qos) {
       qos == QosClass::UserInteractive ? limits_.interactiveSpin : std::chrono::microseconds(0);
   // Authorisation waits on its queue; everything else is short work that
   // one busy thread gets through faster than many woken ones.
-  const Recruiting recruiting =
-      qos == QosClass::UserInteractive ? Recruiting{} : limits_.otherRecruiting;
+  Recruiting recruiting = qos == QosClass::UserInteractive ? Recruiting{} : limits_.otherRecruiting;
+  if (recruiting.stall.count() > 0) {
+    // The check runs on the timer thread itself: it only looks and wakes.
+    recruiting.arm = [this](std::chrono::microseconds delay, Task check) {
+      timers_.schedule(clock_.now() + static_cast<uint64_t>(delay.count()) * 1000, inline_,
+                       std::move(check));
+    };
+  }
   auto pool = std::make_shared<WorkerPool>(label, cap, limits_.idleTimeout, spin, recruiting);
   if (closing_) {
     pool->shutdown();  // no threads yet, so nothing is joined under the lock

@@ -22,7 +22,7 @@ struct DispatchLimits {
   // work before it sleeps: AUTH messages must not wait for a thread to wake.
   std::chrono::microseconds interactiveSpin{50};
   // Queues of the other classes add a worker only when theirs seem stuck.
-  Recruiting otherRecruiting{std::chrono::milliseconds(2), 64};
+  Recruiting otherRecruiting{std::chrono::milliseconds(2), 64, nullptr};
 };
 
 // Dispatch on plain threads: every queue, global ones included, has its own
@@ -46,7 +46,11 @@ class LinuxDispatch final : public IDispatch {
  private:
   QueueRef makeQueueLocked(std::string label, QosClass qos);
 
+  IClock& clock_;
   const DispatchLimits limits_;
+  // Runs what the timer thread posts to it right there: the pools' stall
+  // checks, which only look and wake.
+  const QueueRef inline_;
   std::mutex mutex_;
   std::vector<std::shared_ptr<WorkerPool>> pools_;
   std::map<QosClass, QueueRef> globals_;

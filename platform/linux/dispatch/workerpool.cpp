@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "dispatch/threadname.h"
+#include "dispatch/wakebatch.h"
 
 namespace tarvex::itx::rtn::linux_platform {
 
@@ -20,7 +21,10 @@ WorkerPool::~WorkerPool() { shutdown(); }
 
 void WorkerPool::post(Task task) {
   std::list<std::thread> exited;
-  bool notify;
+  bool notify = false;
+  bool arm = false;
+  // Pools made on the stack (tests) have no owner to keep them for later.
+  const bool deferred = WakeBatch::defer(weak_from_this().lock());
   {
     std::lock_guard lock(mutex_);
     if (stopping_) return;
@@ -28,10 +32,49 @@ void WorkerPool::post(Task task) {
     queued_.store(tasks_.size(), std::memory_order_relaxed);
     if (!exited_.empty()) exited.swap(exited_);  // rare: workers that timed out
     // A spinning worker will find the task without being woken.
-    notify = spinning_ == 0 && recruitLocked(std::chrono::steady_clock::now());
+    if (!deferred) notify = spinning_ == 0 && recruitLocked(std::chrono::steady_clock::now(), &arm);
   }
   if (notify) wake_.notify_one();
+  if (arm) armStallCheck();
   joinAll(exited);
+}
+
+void WorkerPool::wakeForQueued() {
+  bool notify = false;
+  bool arm = false;
+  {
+    std::lock_guard lock(mutex_);
+    if (stopping_ || tasks_.empty()) return;
+    notify = spinning_ == 0 && recruitLocked(std::chrono::steady_clock::now(), &arm);
+  }
+  if (notify) wake_.notify_one();
+  if (arm) armStallCheck();
+}
+
+void WorkerPool::armStallCheck() {
+  recruiting_.arm(recruiting_.stall, [weak = weak_from_this()] {
+    if (auto self = weak.lock()) self->stallCheck();
+  });
+}
+
+// Tasks were left queued for a busy worker: if it has taken none since,
+// it is stuck and another worker comes; if it is still getting through
+// them, look again later.
+void WorkerPool::stallCheck() {
+  bool notify = false;
+  bool arm = false;
+  {
+    std::lock_guard lock(mutex_);
+    checkArmed_ = false;
+    if (stopping_ || tasks_.empty()) return;
+    if (busy_ > 0 && std::chrono::steady_clock::now() - lastTaken_ < recruiting_.stall) {
+      checkArmed_ = arm = true;
+    } else {
+      notify = bringWorkerLocked();
+    }
+  }
+  if (notify) wake_.notify_one();
+  if (arm) armStallCheck();
 }
 
 void WorkerPool::release() {
@@ -39,7 +82,7 @@ void WorkerPool::release() {
     std::lock_guard lock(mutex_);
     released_ = true;
     // Queued work must not be stranded when an earlier spawn failed.
-    if (!stopping_ && live_ == 0 && !tasks_.empty()) recruitLocked(std::chrono::steady_clock::now());
+    if (!stopping_ && live_ == 0 && !tasks_.empty()) bringWorkerLocked();
   }
   wake_.notify_all();
 }
@@ -83,12 +126,18 @@ unsigned WorkerPool::liveThreads() {
 // finds more work behind its own. That keeps a steady stream of posts from
 // waking or spawning a thread per task, while a backlog (or workers stuck in
 // tasks) still grows the pool to its cap. True when a waiter must be woken.
-bool WorkerPool::recruitLocked(std::chrono::steady_clock::time_point now) {
-  if (wakeups_ + starting_ > 0) return false;
-  if (recruiting_.stall.count() > 0 && busy_ > 0 && tasks_.size() < recruiting_.backlog &&
-      now - lastTaken_ < recruiting_.stall) {
-    return false;  // a busy worker is getting through them
+bool WorkerPool::recruitLocked(std::chrono::steady_clock::time_point now, bool* arm) {
+  if (recruiting_.stall.count() > 0 && recruiting_.arm && busy_ > 0 &&
+      tasks_.size() < recruiting_.backlog && now - lastTaken_ < recruiting_.stall) {
+    // A busy worker is getting through them; a check makes sure it does.
+    if (!checkArmed_) checkArmed_ = *arm = true;
+    return false;
   }
+  return bringWorkerLocked();
+}
+
+bool WorkerPool::bringWorkerLocked() {
+  if (wakeups_ + starting_ > 0) return false;
   if (idle_ > 0) {
     --idle_;
     ++wakeups_;
@@ -122,9 +171,11 @@ void WorkerPool::workerMain() {
         queued_.store(tasks_.size(), std::memory_order_relaxed);
         ++busy_;
         lastTaken_ = std::chrono::steady_clock::now();
-        const bool notify = !tasks_.empty() && recruitLocked(lastTaken_);
+        bool arm = false;
+        const bool notify = !tasks_.empty() && recruitLocked(lastTaken_, &arm);
         lock.unlock();
         if (notify) wake_.notify_one();
+        if (arm) armStallCheck();
         task();
       }
       lock.lock();

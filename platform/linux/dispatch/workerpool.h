@@ -4,7 +4,9 @@
 #include <chrono>
 #include <condition_variable>
 #include <deque>
+#include <functional>
 #include <list>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -13,21 +15,24 @@
 
 namespace tarvex::itx::rtn::linux_platform {
 
-// How a pool brings in workers. With a stall time, a worker that is busy
-// but took a task within it keeps the queue to itself: short tasks are
-// drained by one thread rather than waking one thread each. More come in
-// once the workers seem stuck (no task taken for that long) or `backlog`
-// tasks wait. Without one, every waiting task brings a worker.
+// How a pool brings in workers. With a stall time and a way to look again
+// later (`arm` runs a check after a delay, off the pool's threads), a
+// worker that is busy but took a task within the stall time keeps the
+// queue to itself: short tasks are drained by one thread rather than waking
+// one thread each. More come in once the workers seem stuck (no task taken
+// for that long, as the armed check finds) or `backlog` tasks wait.
+// Without, every waiting task brings a worker.
 struct Recruiting {
   std::chrono::microseconds stall{0};
   size_t backlog = 0;
+  std::function<void(std::chrono::microseconds delay, Task check)> arm;
 };
 
 // The threads behind one queue. Starts with none; while tasks wait and no
 // worker is free for them, it adds threads up to maxThreads, and a worker
 // left without work for idleTimeout exits. Pools never share threads, so a
 // pool whose workers are all stuck cannot hold up another pool.
-class WorkerPool {
+class WorkerPool : public std::enable_shared_from_this<WorkerPool> {
  public:
   WorkerPool(std::string name, unsigned maxThreads, std::chrono::milliseconds idleTimeout,
              std::chrono::microseconds spin = std::chrono::microseconds(0),
@@ -37,6 +42,8 @@ class WorkerPool {
   WorkerPool& operator=(const WorkerPool&) = delete;
 
   void post(Task task);
+  // Brings a worker to tasks queued under a WakeBatch.
+  void wakeForQueued();
 
   // The owning queue is gone: tasks already queued still run, then the
   // workers exit without waiting out the idle time-out.
@@ -52,7 +59,11 @@ class WorkerPool {
   unsigned liveThreads();
 
  private:
-  bool recruitLocked(std::chrono::steady_clock::time_point now);
+  // True when a waiter must be woken; *arm when a stall check must be armed.
+  bool recruitLocked(std::chrono::steady_clock::time_point now, bool* arm);
+  bool bringWorkerLocked();
+  void armStallCheck();
+  void stallCheck();
   void spawnLocked();
   void workerMain();
   // Looks for work without the lock for up to spin_; true if some came.
@@ -80,6 +91,7 @@ class WorkerPool {
   unsigned spinning_ = 0;  // looking for work without the lock
   unsigned busy_ = 0;      // running a task
   std::chrono::steady_clock::time_point lastTaken_;
+  bool checkArmed_ = false;
   std::atomic<size_t> queued_{0};  // tasks_.size(), for spinners
   bool released_ = false;
   bool stopping_ = false;

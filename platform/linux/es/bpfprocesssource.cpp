@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "dispatch/threadname.h"
+#include "dispatch/wakebatch.h"
 #include "log/log.h"
 #include "process.skel.h"
 
@@ -160,6 +161,7 @@ void BpfProcessSource::reportDrops() {
 void BpfProcessSource::catchUp() {
   if (draining || stopping_.load()) return;
   std::lock_guard<std::mutex> lock(drainMutex_);
+  tarvex::itx::rtn::linux_platform::WakeBatch batch;
   draining = true;
   const int n = ring_buffer__consume(ring_);
   draining = false;

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "dispatch/threadname.h"
+#include "dispatch/wakebatch.h"
 #include "es/mounts.h"
 #include "log/log.h"
 
@@ -252,6 +253,7 @@ void FanotifyFileSource::run() {
         poll(fds, mounts >= 0 ? 2 : 1, busy ? 0 : (decoder_.holding() ? kHoldMillis : 200));
     busy = ready > 0 && (fds[0].revents & POLLIN);
     if (ready == 0) {
+      tarvex::itx::rtn::linux_platform::WakeBatch batch;
       decoder_.flush();
       continue;
     }
@@ -276,6 +278,8 @@ void FanotifyFileSource::run() {
     if (fds[0].revents & POLLIN) {
       const ssize_t n = read(fd_, buffer.data(), buffer.size());
       if (n > 0) {
+        // The observers' queues are woken once for the whole read.
+        tarvex::itx::rtn::linux_platform::WakeBatch batch;
         decoder_.handle(buffer.data(), static_cast<size_t>(n));
       } else if (n < 0 && errno != EAGAIN && errno != EINTR) {
         LOG_ERROR("Reading file events failed: %{public}s", strerror(errno));
