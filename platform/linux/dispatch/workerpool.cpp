@@ -163,6 +163,9 @@ void WorkerPool::workerMain() {
   nameThread(name_);
   std::unique_lock lock(mutex_);
   --starting_;
+  // Spinning pays only when work comes back within the spin; after a sleep
+  // longer than that, the next idle spell sleeps at once.
+  bool spinPays = true;
   for (;;) {
     if (!tasks_.empty()) {
       {
@@ -183,10 +186,12 @@ void WorkerPool::workerMain() {
       continue;
     }
     if (stopping_ || released_) break;
-    if (spin_.count() > 0 && spinForWork(lock)) continue;
+    if (spin_.count() > 0 && spinPays && spinForWork(lock)) continue;
     ++idle_;
+    const auto asleep = std::chrono::steady_clock::now();
     const bool woken = wake_.wait_for(lock, idleTimeout_,
                                       [this] { return wakeups_ > 0 || stopping_ || released_; });
+    spinPays = std::chrono::steady_clock::now() - asleep < spin_;
     if (wakeups_ > 0) {
       --wakeups_;  // whoever woke us already took us off idle_
       continue;
