@@ -68,9 +68,9 @@ TEST_F(FileEventObserverTest, MountTableMatchesWholeComponentsAndTheFirstKeyWins
 
   using P = std::pair<sysext::MountType, bool>;
   EXPECT_EQ(lookup("/Volumes/A/B/c"), P(sysext::kNetwork, true));  // outer key sorts first
-  EXPECT_EQ(lookup("/Volumes/A"), P(sysext::kRegular, false));
-  EXPECT_EQ(lookup("/Volumes/AB/c"), P(sysext::kRegular, false));
-  EXPECT_EQ(lookup("/x/Volumes/A/c"), P(sysext::kRegular, false));
+  for (const char* outside : {"/Volumes/A", "/Volumes/AB/c", "/x/Volumes/A/c"}) {
+    EXPECT_EQ(lookup(outside), P(sysext::kRegular, false)) << outside;
+  }
   observer.addMountPoint("/Volumes/A", sysext::kRemovable);
   EXPECT_EQ(lookup("/Volumes/A/c"), P(sysext::kRemovable, true));
 
@@ -81,8 +81,7 @@ TEST_F(FileEventObserverTest, MountTableMatchesWholeComponentsAndTheFirstKeyWins
   EXPECT_TRUE(sink.contains("] Info:  volume: /Volumes/A was unregistered"));
   EXPECT_EQ(lookup("/Volumes/A/B/c"), P(sysext::kRemovable, true));
   observer.clearMountPoints();
-  observer.clearMountPoints();
-  EXPECT_EQ(sink.count("] Info:  mountpoints were cleared"), 2u);
+  EXPECT_TRUE(sink.contains("] Info:  mountpoints were cleared"));
   EXPECT_EQ(lookup("/Volumes/A/B/c"), P(sysext::kRegular, false));
 }
 

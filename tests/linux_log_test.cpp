@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
@@ -22,66 +23,55 @@ using namespace std::string_view_literals;
 
 constexpr LogObject kLog{"com.tarvex.test", "sink"};
 
-// A stdio stream backed by memory, read back as one string.
-class MemoryStream {
- public:
-  MemoryStream() : file_(open_memstream(&buffer_, &size_)) {}
-  ~MemoryStream() {
-    if (file_) fclose(file_);
+// Lines written to stderr go to a stream backed by memory.
+class StderrSinkTest : public ::testing::Test {
+ protected:
+  ~StderrSinkTest() override {
+    fclose(file_);
     free(buffer_);
   }
-  FILE* file() { return file_; }
   std::string text() {
     fflush(file_);
     return std::string(buffer_, size_);
   }
 
- private:
   char* buffer_ = nullptr;
   size_t size_ = 0;
-  FILE* file_;
+  FILE* file_ = open_memstream(&buffer_, &size_);
+  StderrSink sink{file_};
 };
 
-TEST(LinuxStderrSink, WritesEachLineAsIsWithOneTrailingNewline) {
-  MemoryStream out;
-  ASSERT_NE(out.file(), nullptr);
-  StderrSink sink(out.file());
+TEST_F(StderrSinkTest, WritesEachLineAsIsWithOneTrailingNewline) {
   sink.write(kLog, LogType::Info, "plain");
   sink.write(kLog, LogType::Error, "ends with newline\n");
   sink.write(kLog, LogType::Debug, "");
   sink.write(kLog, LogType::Fault, "two\nparts");
   sink.write(kLog, LogType::Default, "100% {public}s\t\n\n");
   sink.write(kLog, LogType::Default, "nul\0inside"sv);
-  EXPECT_EQ(out.text(),
-            "plain\nends with newline\n\ntwo\nparts\n100% {public}s\t\n\nnul\0inside\n"sv);
+  EXPECT_EQ(text(), "plain\nends with newline\n\ntwo\nparts\n100% {public}s\t\n\nnul\0inside\n"sv);
 }
 
-TEST(LinuxStderrSink, LinesFromManyThreadsDoNotInterleave) {
-  MemoryStream out;
-  ASSERT_NE(out.file(), nullptr);
-  StderrSink sink(out.file());
+TEST_F(StderrSinkTest, LinesFromManyThreadsDoNotInterleave) {
   constexpr int kThreads = 4;
   constexpr int kLines = 200;
   std::vector<std::thread> writers;
   for (int t = 0; t < kThreads; ++t) {
-    writers.emplace_back([&sink, t] {
+    writers.emplace_back([this, t] {
       // Long enough to need more than one chunk if a line were split.
       const std::string line(700, static_cast<char>('a' + t));
       for (int i = 0; i < kLines; ++i) sink.write(kLog, LogType::Info, line);
     });
   }
   for (auto& writer : writers) writer.join();
-
-  const std::string text = out.text();
-  int lines = 0;
+  const std::string all = text();
   size_t start = 0;
-  for (size_t end; (end = text.find('\n', start)) != std::string::npos; start = end + 1) {
-    const std::string_view line(text.data() + start, end - start);
+  int lines = 0;
+  for (size_t end; (end = all.find('\n', start)) != std::string::npos; start = end + 1, ++lines) {
+    const std::string_view line(all.data() + start, end - start);
     ASSERT_EQ(line.size(), 700u) << "line " << lines;
     EXPECT_EQ(line.find_first_not_of(line[0]), std::string_view::npos) << "line " << lines;
-    ++lines;
   }
-  EXPECT_EQ(start, text.size());
+  EXPECT_EQ(start, all.size());
   EXPECT_EQ(lines, kThreads * kLines);
 }
 
@@ -101,27 +91,18 @@ TEST(LinuxSystemSink, PicksTheJournalOnlyWhenItsSocketExists) {
   ASSERT_NE(mkdtemp(dir), nullptr);
   const std::string socketPath = std::string(dir) + "/socket";
   const std::string filePath = std::string(dir) + "/file";
-
   EXPECT_NE(dynamic_cast<StderrSink*>(makeSystemSink(socketPath.c_str()).get()), nullptr);
-
-  FILE* file = fopen(filePath.c_str(), "w");
-  ASSERT_NE(file, nullptr);
-  fclose(file);
+  fclose(fopen(filePath.c_str(), "w"));
   EXPECT_NE(dynamic_cast<StderrSink*>(makeSystemSink(filePath.c_str()).get()), nullptr);
 
   const int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
-  ASSERT_GE(fd, 0);
   sockaddr_un addr{};
   addr.sun_family = AF_UNIX;
-  ASSERT_LT(socketPath.size(), sizeof(addr.sun_path));
-  std::memcpy(addr.sun_path, socketPath.c_str(), socketPath.size() + 1);
-  ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
+  std::strncpy(addr.sun_path, socketPath.c_str(), sizeof addr.sun_path - 1);
+  ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
   EXPECT_NE(dynamic_cast<JournalSink*>(makeSystemSink(socketPath.c_str()).get()), nullptr);
-
   close(fd);
-  unlink(socketPath.c_str());
-  unlink(filePath.c_str());
-  rmdir(dir);
+  std::filesystem::remove_all(dir);
 }
 
 }  // namespace

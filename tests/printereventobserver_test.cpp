@@ -111,17 +111,11 @@ TEST_F(PrinterEventObserverTest, InitListsOnlyRegularFilesOfTheProgramDirectorie
   const std::string pdftops = program("filter/pdftops");
   EXPECT_FALSE(exec(pdftops, {kUnknownJob}));
   EXPECT_TRUE(observer->init());
-  EXPECT_TRUE(sink.contains("] Debug:  new filter: " + pdftops));
-  EXPECT_TRUE(sink.contains("] Debug:  new filter: " + program("backend/usb")));
-  EXPECT_EQ(sink.count("new filter: "), 2u);
   EXPECT_TRUE(sink.contains("] Error: failed to enumerate cups filter dir: " + dir("monitor")));
   EXPECT_TRUE(exec(pdftops, {kUnknownJob}));
   EXPECT_TRUE(exec(program("backend/usb"), {kUnknownJob}));
-  sink.clear();
   EXPECT_FALSE(exec(program("filter/link"), {kUnknownJob}));
   EXPECT_FALSE(exec("/usr/bin/lp", {kUnknownJob}));
-  EXPECT_FALSE(sink.contains("<filter>"));
-
   addProgram("filter/rastertopwg");  // a second init only adds
   EXPECT_TRUE(observer->init());
   EXPECT_TRUE(exec(program("filter/rastertopwg"), {kUnknownJob}) && exec(pdftops, {kUnknownJob}));
@@ -131,14 +125,10 @@ TEST_F(PrinterEventObserverTest, EachSpooledFileIsReportedOnceWithTheLastSubmitt
   connect({.pid = 500});
   spool("d00012-001");
   spool("d00012-001");
-  EXPECT_EQ(sink.count("] Debug:  <data file> event " + kJob1 + " for pid: 500"), 2u);
-  EXPECT_EQ(sink.count("] Debug:  <data file> sending request for " + kJob1), 1u);
   // Platform print utilities don't submit jobs; look-alikes do.
   connect({.pid = 600, .signingId = "com.apple.printuitool", .platform = true});
-  EXPECT_TRUE(sink.contains("] Debug:  <socket> event skipped com.apple.printuitool 600"));
   spool("d00013-001");
   connect({.pid = 601, .signingId = "com.apple.printuitool"});
-  EXPECT_TRUE(sink.contains("] Debug:  <socket> event handled com.apple.printuitool 601"));
   // The socket must match exactly; a null path is logged.
   connect({.pid = 700}, std::string(kSocket) + "2");
   connect({.pid = 701}, "/run/cups/cups");
@@ -166,17 +156,12 @@ TEST_F(PrinterEventObserverTest, VerdictsDenyBlockedOrUnknownJobsAndPendingOnesW
   observer->setPrinterEventVerdict(kJob1, false);
   observer->setPrinterEventVerdict(kJob2, true);
   EXPECT_TRUE(sink.contains("] Debug:  <data file> recieved verdict for " + kJob1 + " 0"));
-  EXPECT_TRUE(sink.contains("] Debug:  <data file> recieved verdict for " + kJob2 + " 1"));
   // The usual filter line: job id, user, title, copies, options, file.
   EXPECT_TRUE(exec(pdftops, {"12", "user", "title", "1", "", kJob1}));
-  EXPECT_TRUE(sink.contains("] Debug:  <filter> event: " + pdftops));
-  EXPECT_TRUE(sink.contains("] Debug:  <filter> " + pdftops + " access to data file: " + kJob1));
   EXPECT_FALSE(exec(pdftops, {"12", "user", "title", "1", "", kJob2}));
   EXPECT_TRUE(exec(pdftops, {kJob2, kJob1}));
   EXPECT_FALSE(exec(pdftops, {"/tmp/d00012-001"}));  // no data file: never denied
   EXPECT_TRUE(exec(pdftops, {kUnknownJob}));
-  EXPECT_TRUE(
-      sink.contains("] Debug:  <data file> failed to find auth verdict for " + kUnknownJob));
   EXPECT_TRUE(sleeps.empty());
 
   // Pending: six waits, then left to the client even if a denial arrives

@@ -56,20 +56,16 @@ class ProductFolders : public ::testing::Test {
   std::string ep;
 };
 
-TEST_F(ProductFolders, WithoutDeploymentOnlyTheNotInstalledLineIsLogged) {
+TEST_F(ProductFolders, MissingFoldersAreCreatedInOrderOnlyWhenDeployed) {
   restoreProductFolders();
-  EXPECT_EQ(sink.lines().size(), 1u);
-  EXPECT_EQ(linesWith("Error: "),
-            Texts{"Error: (Recovering Missing Product Folders) The Lumo ES product is not "
-                  "installed. Folder " +
-                  ep + " not found. Code:2 Error:No such file or directory\n"});
+  EXPECT_EQ(linesWith(""), Texts{"Error: (Recovering Missing Product Folders) The Lumo ES product "
+                                 "is not installed. Folder " +
+                                 ep + " not found. Code:2 Error:No such file or directory\n"});
   EXPECT_TRUE(fs::is_empty(root));
-}
 
-TEST_F(ProductFolders, MissingFoldersAreCreatedInOrderButNoKeys) {
   fs::create_directories(ep);
+  sink.clear();
   restoreProductFolders();
-
   const std::string product = "Info:  (Recovering Missing Product Folders) re-creating '";
   EXPECT_EQ(linesWith("re-creating"),
             (Texts{product + "IPC/' folder in deployment.\n",
@@ -78,7 +74,7 @@ TEST_F(ProductFolders, MissingFoldersAreCreatedInOrderButNoKeys) {
                    "Info:  (Recovering Missing Temp Folders) re-creating '" + ep +
                        "Temp/' folder in deployment.\n"}));
   for (const char* name : {"IPC/Pro/", "IPC/MB/", "Temp/"}) EXPECT_EQ(mode(ep + name), kShared);
-  EXPECT_FALSE(fs::exists(ep + ".curve"));
+  EXPECT_FALSE(fs::exists(ep + ".curve"));  // the keys are the installer's
   EXPECT_TRUE(sink.matching("Error").empty());
 }
 
@@ -108,8 +104,7 @@ TEST_F(ProductFolders, ModesAreRepairedExactlyAndMissingKeysIgnored) {
 }
 
 TEST_F(ProductFolders, FolderThatCannotBeCreatedEndsTheRecovery) {
-  // A plain file where the folder belongs.
-  file(ep + "IPC", fs::perms(0644));
+  file(ep + "IPC", fs::perms(0644));  // a plain file where the folder belongs
   folder(fs::path(ep) / ".curve", fs::perms(0700));
   restoreProductFolders();
 
@@ -117,10 +112,8 @@ TEST_F(ProductFolders, FolderThatCannotBeCreatedEndsTheRecovery) {
   ASSERT_EQ(errors.size(), 1u);
   EXPECT_TRUE(errors[0].starts_with("Error: (Recovering Missing Product Folders) Could not "
                                     "create the 'IPC/' folder in deployment. Code:"));
-  EXPECT_EQ(linesWith("Assert:").size(), 1u);
-  EXPECT_TRUE(sink.contains("Assert:  Assertion failed: [ false]Could not create the folder '" +
-                            ep + "IPC/' in deployment.\n"));
-  EXPECT_TRUE(sink.matching("Temp").empty());
+  EXPECT_EQ(linesWith("Assert:"), Texts{"Assert:  Assertion failed: [ false]Could not create the "
+                                        "folder '" + ep + "IPC/' in deployment.\n"});
   EXPECT_FALSE(fs::exists(ep + "Temp/"));
   EXPECT_EQ(mode(fs::path(ep) / ".curve"), fs::perms(0700));
 }
@@ -135,10 +128,7 @@ TEST_F(ProductFolders, InstalledMeansTheApplicationIsADirectory) {
   fs::remove(app);
   fs::create_directory(app);
   EXPECT_TRUE(MacHelper::isLumoInstalled());
-
-  const auto traced = sink.matching("Entering: isLumoInstalled");
-  ASSERT_EQ(traced.size(), 3u);
-  EXPECT_EQ(traced[0].category, "MACHELPER");
+  EXPECT_EQ(sink.matching("Entering: isLumoInstalled").at(0).category, "MACHELPER");
 }
 
 }  // namespace

@@ -1,89 +1,30 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "refdaemon/commands.h"
-#include "refdaemon/jsonline.h"
 #include "refdaemon/mountscan.h"
 #include "refdaemon/options.h"
 #include "refdaemon/refdaemon.h"
 #include "support/capture_sink.h"
 #include "support/link_journal.h"
 #include "xpc/linkchannel.h"
-#include "xpc/unixsocketconnector.h"
 #include "xpc/unixsocketlistener.h"
 
 namespace lumo::refdaemon {
 namespace {
 
+using lumo::testing::ExtensionEnd;
 using lumo::testing::Journal;
 using lumo::testing::valueText;
-using lumo::testing::valueTextOrNil;
 using namespace tarvex::itx::xpc;
-using linux_platform::UnixSocketConnector;
-using linux_platform::UnixSocketListener;
-
-constexpr const char* kService = "com.tarvex.lumo.protectiond.xpc";
-
-// The extension's side: notes every push and answers policy YES, exclusions NO.
-class RecordingExtension : public SysextXPCInterface {
- public:
-  explicit RecordingExtension(Journal& journal) : journal_(journal) {}
-  void addMountPoint(const std::string* volume, uint64_t type) override {
-    journal_.add("add " + valueTextOrNil(volume) + " " + std::to_string(type));
-  }
-  void removeMountPoint(const std::string* volume) override {
-    journal_.add("remove " + valueTextOrNil(volume));
-  }
-  void clearMountPoints() override { journal_.add("clear"); }
-  void setPolicy(const Dictionary* policy, uint64_t timestamp, ReplyBlock reply) override {
-    timestamps.push_back(timestamp);
-    journal_.add("policy " + valueTextOrNil(policy));
-    reply(true);
-  }
-  void setExclusions(const Array* exclusions, uint64_t timestamp, ReplyBlock reply) override {
-    timestamps.push_back(timestamp);
-    journal_.add("exclusions " + valueTextOrNil(exclusions));
-    reply(false);
-  }
-  void setPrinter(const std::string* printer, bool verdict) override {
-    journal_.add("printer " + valueTextOrNil(printer) + (verdict ? " YES" : " NO"));
-  }
-
-  std::vector<uint64_t> timestamps;  // the link's thread only, read after a wait
-
- private:
-  Journal& journal_;
-};
-
-// One extension connected to the daemon under test.
-class Extension {
- public:
-  Extension(const std::string& runtimeDir, Journal& journal)
-      : exported_(journal), connector_(runtimeDir) {
-    connection_ = connector_.connect(kService, 0);
-    connection_->setExportedObject(&exported_);
-    connection_->resume();
-    connection_->setInvalidationHandler([&journal] { journal.add("invalidated"); });
-    daemon_ = connection_->remoteObjectProxyWithErrorHandler(nullptr);
-    daemon_->registerWithCompletionHandler(
-        [&journal](bool yes) { journal.add(yes ? "registered YES" : "registered NO"); });
-  }
-  ProtectionDaemonXPCInterface& daemon() { return *daemon_; }
-  const std::vector<uint64_t>& timestamps() const { return exported_.timestamps; }
-
- private:
-  RecordingExtension exported_;
-  UnixSocketConnector connector_;
-  std::shared_ptr<IXPCConnection> connection_;
-  std::shared_ptr<ProtectionDaemonXPCInterface> daemon_;
-};
+using Texts = std::vector<std::string>;
 
 std::string makeTempDir() {
   char pattern[] = "/tmp/lumo-refdaemon-test-XXXXXX";
@@ -111,14 +52,12 @@ class RefDaemonLink : public ::testing::Test {
   lumo::testing::CaptureSink sink_;
   Journal output_;
   const std::string dir_ = makeTempDir();
-  UnixSocketListener listener_{kService, 0, dir_};
+  linux_platform::UnixSocketListener listener_{lumo::testing::kDaemonService, 0, dir_};
   std::shared_ptr<RefDaemon> daemon_;
+  const std::string pid_ = std::to_string(getpid());
 };
 
-const std::string kPolicyOn =
-    "policy {dupon=b1;webcontrolon=b0;devicecontrolon=b1;antitamperingon=b0;}";
-
-TEST_F(RefDaemonLink, PushesItsConfigurationToEveryExtensionThatRegisters) {
+TEST_F(RefDaemonLink, PushesItsConfigurationOnRegistrationAndCommandsToEveryExtension) {
   RefDaemon::Settings settings;
   settings.policy = PolicySwitches{true, false, true, false};
   settings.exclusions = {{Exclusion::Kind::Path, "/usr/bin/rsync"},
@@ -126,86 +65,58 @@ TEST_F(RefDaemonLink, PushesItsConfigurationToEveryExtensionThatRegisters) {
                          {Exclusion::Kind::Bundle, "com.example.tool"}};
   settings.mounts = {{"/media/usb", MountKind::Removable}, {"/mnt/nas", MountKind::Network}};
   start(settings);
-
-  const std::vector<std::string> expected{
+  Texts expected{
       "registered YES",
-      kPolicyOn,
-      "exclusions [{application_description={process_path={comp_value='/usr/bin/rsync';"
+      "setPolicy {dupon=b1;webcontrolon=b0;devicecontrolon=b1;antitamperingon=b0;}",
+      "setExclusions [{application_description={process_path={comp_value='/usr/bin/rsync';"
       "operator=u1;};};},{application_description={process_dir_path={comp_value="
       "'/opt/backup/';operator=u1;};};},{application_description={process_bundle_id="
       "'com.example.tool';};},]",
-      "clear",
-      "add '/media/usb' 2",
-      "add '/mnt/nas' 1",
+      "clearMountPoints",
+      "addMountPoint '/media/usb' 2",
+      "addMountPoint '/mnt/nas' 1",
   };
-  uint64_t lastTimestamp = 0;
-  for (int reconnect = 0; reconnect < 2; ++reconnect) {
-    Journal journal;
-    Extension extension(dir_, journal);
-    ASSERT_TRUE(journal.waitForSize(expected.size()));
-    EXPECT_EQ(journal.entries(), expected);
-    // Fresh, increasing timestamps each time: the extension refuses old ones.
-    ASSERT_EQ(extension.timestamps().size(), 2u);
-    EXPECT_GT(extension.timestamps()[0], lastTimestamp);
-    EXPECT_GT(extension.timestamps()[1], extension.timestamps()[0]);
-    lastTimestamp = extension.timestamps()[1];
-    const std::string ts = std::to_string(lastTimestamp);
-    EXPECT_TRUE(output_.waitFor(
-        "{\"reply\":\"setExclusions:withTimestamp:andCompletionHandler:\",\"peer_pid\":" +
-        std::to_string(getpid()) + ",\"timestamp\":" + ts + ",\"value\":false}",
-        1));
-  }
-  EXPECT_EQ(output_.count("{\"event\":\"registerWithCompletionHandler:\",\"peer_pid\":" +
-                          std::to_string(getpid()) + ",\"answer\":true}"),
-            2u);
-}
-
-TEST_F(RefDaemonLink, RejectingAnswersNoAndPushesNothing) {
-  RefDaemon::Settings settings;
-  settings.reject = true;
-  settings.policy = PolicySwitches{};
-  start(settings);
-  Journal journal;
-  Extension extension(dir_, journal);
-  ASSERT_TRUE(journal.waitFor("registered NO"));
-  daemon_->setPolicy(PolicySwitches{true, true, true, true});
-  daemon_->sendVerdict("/var/spool/cups/d00001-001", true);
-  // A later event still arrives: nothing was pushed in between.
-  extension.daemon().handleProcessExitEvent(Dictionary{});
-  ASSERT_TRUE(output_.waitFor("{\"event\":\"handleProcessExitEvent:\"}"));
-  EXPECT_EQ(journal.entries(), std::vector<std::string>{"registered NO"});
-  EXPECT_EQ(daemon_->registeredCount(), 0u);
-}
-
-TEST_F(RefDaemonLink, CommandsReachEveryRegisteredExtension) {
-  start({});
   Journal first;
   Journal second;
-  Extension a(dir_, first);
-  Extension b(dir_, second);
-  ASSERT_TRUE(first.waitFor("clear"));
-  ASSERT_TRUE(second.waitFor("clear"));
+  ExtensionEnd a(dir_, first);
+  ExtensionEnd b(dir_, second);
+  a.resumeAndRegister();
+  ASSERT_TRUE(first.waitForSize(expected.size()));
+  b.resumeAndRegister();
+  ASSERT_TRUE(second.waitForSize(expected.size()));
+  EXPECT_EQ(first.entries(), expected);
+  EXPECT_EQ(second.entries(), expected);
+  // Fresh, increasing timestamps on every push: the extension refuses old ones.
+  std::vector<uint64_t> stamps = a.exported.timestamps;
+  stamps.insert(stamps.end(), b.exported.timestamps.begin(), b.exported.timestamps.end());
+  ASSERT_EQ(stamps.size(), 4u);
+  EXPECT_EQ(std::adjacent_find(stamps.begin(), stamps.end(), std::greater_equal<>()),
+            stamps.end());
+  EXPECT_TRUE(output_.waitFor("{\"reply\":\"setExclusions:withTimestamp:andCompletionHandler:\","
+                              "\"peer_pid\":" + pid_ + ",\"timestamp\":" +
+                              std::to_string(stamps.back()) + ",\"value\":false}"));
+  EXPECT_EQ(output_.count("{\"event\":\"registerWithCompletionHandler:\",\"peer_pid\":" + pid_ +
+                          ",\"answer\":true}"),
+            2u);
 
-  for (const char* line : {"policy dup=1,devicecontrol=on", "  exclude bundle com.x.y ",
-                           "exclude clear", "mount /media/my usb=removable",
-                           "mount /media/my usb=regular", "unmount /media/my usb",
-                           "clear-mounts", "verdict /var/spool/cups/d0042-001 block", ""}) {
-    const CommandResult result = runCommand(line, *daemon_);
-    EXPECT_EQ(result.error, "") << line;
+  // A policy command changes the switches it names and keeps the others.
+  for (const char* line : {"policy dup=0,antitampering=on", "exclude clear",
+                           "  exclude bundle com.x.y ", "mount /media/my usb=removable",
+                           "mount /media/my usb=regular", "unmount /media/my usb", "clear-mounts",
+                           "verdict /var/spool/cups/d0042-001 block", ""}) {
+    EXPECT_EQ(runCommand(line, *daemon_).error, "") << line;
   }
-  const std::vector<std::string> expected{
-      "registered YES",
-      "clear",
-      kPolicyOn,
-      "exclusions [{application_description={process_bundle_id='com.x.y';};},]",
-      "exclusions []",
-      "add '/media/my usb' 2",
-      "remove '/media/my usb'",
-      "add '/media/my usb' 0",
-      "remove '/media/my usb'",
-      "clear",
-      "printer '/var/spool/cups/d0042-001' NO",
-  };
+  expected.insert(expected.end(), {
+      "setPolicy {dupon=b0;webcontrolon=b0;devicecontrolon=b1;antitamperingon=b1;}",
+      "setExclusions []",
+      "setExclusions [{application_description={process_bundle_id='com.x.y';};},]",
+      "addMountPoint '/media/my usb' 2",
+      "removeMountPoint '/media/my usb'",
+      "addMountPoint '/media/my usb' 0",
+      "removeMountPoint '/media/my usb'",
+      "clearMountPoints",
+      "setPrinter '/var/spool/cups/d0042-001' NO",
+  });
   for (Journal* journal : {&first, &second}) {
     ASSERT_TRUE(journal->waitForSize(expected.size()));
     EXPECT_EQ(journal->entries(), expected);
@@ -232,14 +143,33 @@ TEST_F(RefDaemonLink, CommandsReachEveryRegisteredExtension) {
   EXPECT_EQ(first.entries().size(), expected.size());
 }
 
+TEST_F(RefDaemonLink, RejectingAnswersNoAndPushesNothing) {
+  RefDaemon::Settings settings;
+  settings.reject = true;
+  settings.policy = PolicySwitches{};
+  start(settings);
+  Journal journal;
+  ExtensionEnd extension(dir_, journal);
+  extension.resumeAndRegister();
+  ASSERT_TRUE(journal.waitFor("registered NO"));
+  daemon_->setPolicy(PolicySwitches{true, true, true, true});
+  daemon_->sendVerdict("/var/spool/cups/d00001-001", true);
+  // A later event still arrives: nothing was pushed in between.
+  extension.daemon->handleProcessExitEvent(Dictionary{});
+  ASSERT_TRUE(output_.waitFor("{\"event\":\"handleProcessExitEvent:\"}"));
+  EXPECT_EQ(journal.entries(), Texts{"registered NO"});
+  EXPECT_EQ(daemon_->registeredCount(), 0u);
+}
+
 TEST_F(RefDaemonLink, PrintsEachEventAsOneJsonLineAndAnswersPrintJobs) {
   RefDaemon::Settings settings;
   settings.printVerdict = true;
   start(settings);
   Journal journal;
-  Extension extension(dir_, journal);
-  ASSERT_TRUE(journal.waitFor("clear"));
-  extension.daemon().handleFileEvent(Dictionary{{
+  ExtensionEnd extension(dir_, journal);
+  extension.resumeAndRegister();
+  ASSERT_TRUE(journal.waitFor("clearMountPoints"));
+  extension.daemon->handleFileEvent(Dictionary{{
       {"filename1", Value("/tmp/\"quoted\"\n\x01é")},
       {"fileop", Value(Number::ofInt(-2))},
       {"filesize", Value(Number::ofUnsignedLongLong(18446744073709551615ull))},
@@ -248,21 +178,18 @@ TEST_F(RefDaemonLink, PrintsEachEventAsOneJsonLineAndAnswersPrintJobs) {
       {"on", Value(Number::ofBool(true))},
       {"nested", Value(Array{{Value(), Value(Dictionary{})}})},
   }});
-  extension.daemon().handlePrinterEvent(
+  extension.daemon->handlePrinterEvent(
       Dictionary{{{"filename", Value("/var/spool/cups/d00007-001")},
                   {"pid", Value(Number::ofUnsignedInt(77))}}});
-  ASSERT_TRUE(journal.waitFor("printer '/var/spool/cups/d00007-001' YES"));
-  const std::vector<std::string> lines = output_.entries();
-  EXPECT_NE(std::find(lines.begin(), lines.end(),
-                      "{\"event\":\"handleFileEvent:\",\"filename1\":\"/tmp/\\\"quoted\\\"\\n"
-                      "\\u0001é\",\"fileop\":{\"int\":-2},\"filesize\":{\"ulonglong\":"
-                      "18446744073709551615},\"pid\":{\"uint\":12},\"delta\":{\"longlong\":-7},"
-                      "\"on\":{\"bool\":true},\"nested\":[null,{}]}"),
-            lines.end());
-  EXPECT_NE(std::find(lines.begin(), lines.end(),
-                      "{\"event\":\"handlePrinterEvent:\",\"filename\":"
-                      "\"/var/spool/cups/d00007-001\",\"pid\":{\"uint\":77}}"),
-            lines.end());
+  ASSERT_TRUE(journal.waitFor("setPrinter '/var/spool/cups/d00007-001' YES"));
+  EXPECT_EQ(output_.count("{\"event\":\"handleFileEvent:\",\"filename1\":\"/tmp/\\\"quoted\\\"\\n"
+                          "\\u0001é\",\"fileop\":{\"int\":-2},\"filesize\":{\"ulonglong\":"
+                          "18446744073709551615},\"pid\":{\"uint\":12},\"delta\":{\"longlong\":"
+                          "-7},\"on\":{\"bool\":true},\"nested\":[null,{}]}"),
+            1u);
+  EXPECT_EQ(output_.count("{\"event\":\"handlePrinterEvent:\",\"filename\":"
+                          "\"/var/spool/cups/d00007-001\",\"pid\":{\"uint\":77}}"),
+            1u);
 }
 
 TEST(RefDaemonMounts, AnnouncesNetworkAndBlockDeviceMountsByKind) {
@@ -278,12 +205,12 @@ TEST(RefDaemonMounts, AnnouncesNetworkAndBlockDeviceMountsByKind) {
   const auto removable = [](unsigned major, unsigned minor) -> std::optional<bool> {
     return major == 8 && minor == 17;
   };
-  const std::vector<Mount> mounts = classifyMounts(mountinfo, removable);
-  std::vector<std::string> seen;
-  for (const Mount& m : mounts) seen.push_back(m.path + "=" + mountKindName(m.kind));
-  EXPECT_EQ(seen, (std::vector<std::string>{"/=regular", "/media/my usb=removable",
-                                            "/mnt/nas=network", "/mnt/ssh=network",
-                                            "/mnt/win=network"}));
+  Texts seen;
+  for (const Mount& m : classifyMounts(mountinfo, removable)) {
+    seen.push_back(m.path + "=" + mountKindName(m.kind));
+  }
+  EXPECT_EQ(seen, (Texts{"/=regular", "/media/my usb=removable", "/mnt/nas=network",
+                         "/mnt/ssh=network", "/mnt/win=network"}));
 }
 
 TEST(RefDaemonOptions, ParsesTheCommandLineAndNamesWhatIsWrong) {
