@@ -194,69 +194,67 @@ TEST_F(LinuxXpcTransport, CarriesCallsBothWaysWithNumberKindsNilsAndReplies) {
   EXPECT_TRUE(daemonSide.waitFor("daemon: invalidated"));
 }
 
-TEST_F(LinuxXpcTransport, MissingSocketInvalidatesOnlyAndLaterCallsReportErrors) {
+TEST_F(LinuxXpcTransport, LinkNeverEstablishedIsOnlyInvalidatedAndLaterCallsReportErrors) {
   Journal journal;
   ExtensionEnd extension(dir_, journal, options());
-  extension.resumeAndRegister();
+  extension.resumeAndRegister();  // no daemon listens
   ASSERT_TRUE(journal.waitFor("invalidated"));
   const std::string invalid = "error: the connection to " + std::string(kService) +
                               " is invalid: cannot connect to " + socket() +
                               ": No such file or directory";
-  EXPECT_EQ(journal.entries(), (std::vector<std::string>{invalid, "invalidated"}));
   EXPECT_TRUE(sink_.contains("Error: No link to " + std::string(kService) +
                              ": cannot connect to " + socket()));
-
   // Later calls fail on the link's thread, not the caller's.
   extension.daemon->handleFileEvent(Dictionary{});
   ASSERT_TRUE(journal.waitFor(invalid, 2));
   EXPECT_NE(journal.threads().back(), std::this_thread::get_id());
-
   // Once we invalidate, calls are dropped without a word and nothing runs twice.
   extension.connection->invalidate();
   extension.daemon->handleFileEvent(Dictionary{});
-  extension.connection.reset();
-  extension.daemon.reset();
+
+  // A link never resumed reports its invalidation too, once.
+  Journal idle;
+  ExtensionEnd never(dir_, idle, options());
+  never.connection->invalidate();
+  never.connection->invalidate();
+  ASSERT_TRUE(idle.waitFor("invalidated"));
+  EXPECT_NE(idle.threads().back(), std::this_thread::get_id());
+  for (ExtensionEnd* end : {&extension, &never}) {
+    end->connection.reset();
+    end->daemon.reset();
+  }
   EXPECT_TRUE(waitForLinkThreads(kPatience));
   EXPECT_EQ(journal.entries(), (std::vector<std::string>{invalid, "invalidated", invalid}));
+  EXPECT_EQ(idle.entries(), std::vector<std::string>{"invalidated"});
 }
 
-TEST_F(LinuxXpcTransport, InvalidateRunsTheInvalidationHandlerOnceOnTheLinksThread) {
+TEST_F(LinuxXpcTransport, ClosingEitherEndInterruptsTheOther) {
   Journal daemonSide;
   TestDaemon daemon(dir_, daemonSide, options());
   ASSERT_TRUE(daemon.start());
-  for (bool established : {false, true}) {
-    SCOPED_TRACE(established ? "established" : "never resumed");
+  {
+    // We invalidate: our handler runs once, the daemon's link is interrupted.
     Journal journal;
     ExtensionEnd extension(dir_, journal, options());
-    if (established) {
-      extension.resumeAndRegister();
-      ASSERT_TRUE(journal.waitFor("registered YES"));
-    }
+    extension.resumeAndRegister();
+    ASSERT_TRUE(journal.waitFor("registered YES"));
     extension.connection->invalidate();
     extension.connection->invalidate();
-    extension.daemon->handleFileEvent(Dictionary{});
+    extension.daemon->handleFileEvent(Dictionary{});  // dropped without a word
+    ASSERT_TRUE(daemonSide.waitFor("daemon: invalidated"));
+    EXPECT_EQ(daemonSide.entries(), (std::vector<std::string>{"register", "daemon: interrupted",
+                                                              "daemon: invalidated"}));
     ASSERT_TRUE(journal.waitFor("invalidated"));
     EXPECT_NE(journal.threads().back(), std::this_thread::get_id());
     extension.connection.reset();
     extension.daemon.reset();
-    if (established) {
-      // The daemon saw the extension go: its connection is interrupted.
-      EXPECT_TRUE(daemonSide.waitFor("daemon: invalidated"));
-      EXPECT_EQ(daemonSide.count("daemon: interrupted"), 1u);
-      daemon.drop();
-    }
+    daemon.drop();
     ASSERT_TRUE(waitForLinkThreads(kPatience));
-    EXPECT_EQ(journal.entries(), established
-                                     ? (std::vector<std::string>{"registered YES", "invalidated"})
-                                     : std::vector<std::string>{"invalidated"});
+    EXPECT_EQ(journal.entries(), (std::vector<std::string>{"registered YES", "invalidated"}));
   }
-}
 
-TEST_F(LinuxXpcTransport, DaemonClosingInterruptsThenInvalidates) {
-  Journal daemonSide;
+  // The daemon goes: we are interrupted, then invalidated.
   Journal journal;
-  TestDaemon daemon(dir_, daemonSide, options());
-  ASSERT_TRUE(daemon.start());
   ExtensionEnd extension(dir_, journal, options());
   // As the XPC client does: the interruption handler invalidates.
   extension.connection->setInterruptionHandler([&] {
@@ -265,12 +263,10 @@ TEST_F(LinuxXpcTransport, DaemonClosingInterruptsThenInvalidates) {
   });
   extension.resumeAndRegister();
   ASSERT_TRUE(journal.waitFor("registered YES"));
-
   daemon.listener().stop();  // accepted links outlive the listener
   EXPECT_FALSE(std::filesystem::exists(socket()));
   extension.daemon->handleFileEvent(Dictionary{});
   ASSERT_TRUE(daemonSide.waitFor("file {}"));
-
   daemon.drop();
   ASSERT_TRUE(journal.waitFor("invalidated"));
   EXPECT_TRUE(sink_.contains("The peer of " + std::string(kService) + " closed the link"));

@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/value_text.h"
 #include "xpc/unixsocketconnector.h"
 #include "xpc/xpcvalue.h"
 
@@ -60,31 +61,6 @@ class Journal {
   std::vector<std::string> entries_;
   std::vector<std::thread::id> threads_;
 };
-
-// Spells a value with its number kinds (i, u, ll, ull, b before the bits),
-// so a kind lost on the way shows in a comparison.
-inline std::string valueText(const tarvex::itx::xpc::Value& v) {
-  using namespace tarvex::itx::xpc;
-  if (v.isNil()) return "nil";
-  if (const std::string* s = v.string()) return "'" + *s + "'";
-  if (const Dictionary* d = v.dictionary()) {
-    std::string out = "{";
-    for (const DictEntry& e : d->entries) out += e.key + "=" + valueText(e.value) + ";";
-    return out + "}";
-  }
-  if (const Array* a = v.array()) {
-    std::string out = "[";
-    for (const Value& item : a->items) out += valueText(item) + ",";
-    return out + "]";
-  }
-  static const char* kKinds[] = {"i", "u", "ll", "ull", "b"};
-  return kKinds[static_cast<int>(v.number()->kind)] + std::to_string(v.number()->bits);
-}
-
-template <typename T>
-std::string valueTextOrNil(const T* object) {
-  return object ? valueText(tarvex::itx::xpc::Value(*object)) : "nil";
-}
 
 // The extension's exported object: notes each call, answers policy YES and
 // exclusions NO (then YES, which a block must not send).
