@@ -5,7 +5,7 @@
 #include <thread>
 
 #include "support/capture_sink.h"
-#include "support/dict_text.h"
+#include "support/value_text.h"
 #include "support/fake_daemon_link.h"
 #include "support/message_builder.h"
 
@@ -31,9 +31,9 @@ MessageBuilder event(es_event_type_t type, const ProcessSpec& process = kUser) {
 // What the daemon receives for kUser.
 std::string record(int op, int mount, int size, const std::string& name1,
                    const std::string& name2 = "") {
-  return "{filename1=\"" + name1 + "\", filename2=\"" + name2 +
-         "\", fileop=int:" + std::to_string(op) + ", mounttype=int:" + std::to_string(mount) +
-         ", filesize=ull:" + std::to_string(size) + ", pid=uint:321, sid=uint:77, uid=uint:502}";
+  return "{filename1='" + name1 + "';filename2='" + name2 + "';fileop=i" + std::to_string(op) +
+         ";mounttype=i" + std::to_string(mount) + ";filesize=ull" + std::to_string(size) +
+         ";pid=u321;sid=u77;uid=u502;}";
 }
 
 class FileEventObserverTest : public ::testing::Test {
@@ -42,7 +42,7 @@ class FileEventObserverTest : public ::testing::Test {
   Texts sent() {
     Texts texts;
     for (const auto& r : link.daemon().received()) {
-      texts.push_back(lumo::testing::dictText(r.event));
+      texts.push_back(lumo::testing::valueText(r.event));
     }
     link.daemon().clear();
     return texts;

@@ -9,7 +9,7 @@
 #include <thread>
 
 #include "support/capture_sink.h"
-#include "support/dict_text.h"
+#include "support/value_text.h"
 #include "support/fake_daemon_link.h"
 #include "support/fake_es.h"
 #include "support/message_builder.h"
@@ -89,7 +89,7 @@ class PrinterEventObserverTest : public ::testing::Test {
   Texts reports() {
     Texts texts;
     for (const auto& r : link.daemon().received()) {
-      texts.push_back(lumo::testing::dictText(r.event));
+      texts.push_back(lumo::testing::valueText(r.event));
     }
     link.daemon().clear();
     return texts;
@@ -143,9 +143,9 @@ TEST_F(PrinterEventObserverTest, EachSpooledFileIsReportedOnceWithTheLastSubmitt
               .renameToNewPath({"/a"}, std::nullopt, "d00016-001"));
   EXPECT_TRUE(
       sink.contains("] Assert:  Assertion failed: [ newPath]Unexpected null event data field"));
-  EXPECT_EQ(reports(), (Texts{"{filename=\"" + kJob1 + "\", pid=uint:500}",
-                              "{filename=\"" + kJob2 + "\", pid=uint:500}",
-                              "{filename=\"/var/spool/cups/d00014-001\", pid=uint:601}"}));
+  EXPECT_EQ(reports(), (Texts{"{filename='" + kJob1 + "';pid=u500;}",
+                              "{filename='" + kJob2 + "';pid=u500;}",
+                              "{filename='/var/spool/cups/d00014-001';pid=u601;}"}));
 }
 
 TEST_F(PrinterEventObserverTest, VerdictsDenyBlockedOrUnknownJobsAndPendingOnesWaitSixTimes) {
@@ -209,7 +209,7 @@ TEST_F(PrinterEventObserverTest, VerdictsAndReportsProceedWhileAFilterWaits) {
 
   EXPECT_TRUE(es.answers(filter->get()).empty());
   EXPECT_EQ(sleeps.size(), 6u);
-  EXPECT_EQ(reports().back(), "{filename=\"" + kJob2 + "\", pid=uint:900}");
+  EXPECT_EQ(reports().back(), "{filename='" + kJob2 + "';pid=u900;}");
 }
 
 }  // namespace

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "support/capture_sink.h"
-#include "support/dict_text.h"
+#include "support/value_text.h"
 #include "support/fake_daemon_link.h"
 #include "support/fake_es.h"
 #include "support/message_builder.h"
@@ -24,7 +24,7 @@ class ProcEventObserverTest : public ::testing::Test {
   Texts sent(const char* selector) {
     Texts texts;
     for (const auto& r : link.daemon().received(selector)) {
-      texts.push_back(lumo::testing::dictText(r.event));
+      texts.push_back(lumo::testing::valueText(r.event));
     }
     return texts;
   }
@@ -48,12 +48,11 @@ TEST_F(ProcEventObserverTest, StartRecordsDescribeTheNewImageOrTheChild) {
              .process({.pid = 600})
              .fork({.pid = 701, .ppid = 600, .ruid = 0, .asid = 9, .path = std::nullopt}));
 
-  const std::string ids = ", pid=uint:700, sid=uint:9, uid=uint:501, ppid=uint:600, timestamp=";
+  const std::string ids = "pid=u700;sid=u9;uid=u501;ppid=u600;timestamp=";
   EXPECT_EQ(sent("handleProcessStartEvent:"),
-            (Texts{"{path=\"/bin/ls\", cmd=\"-l /tmp\"" + ids + "ull:1234567890123}",
-                   "{path=\"/bin/ls\", cmd=\"\"" + ids + "ull:0}",
-                   "{path=\"\", cmd=\"\", pid=uint:701, sid=uint:9, uid=uint:0, ppid=uint:600, "
-                   "timestamp=ull:0}"}));
+            (Texts{"{path='/bin/ls';cmd='-l /tmp';" + ids + "ull1234567890123;}",
+                   "{path='/bin/ls';cmd='';" + ids + "ull0;}",
+                   "{path='';cmd='';pid=u701;sid=u9;uid=u0;ppid=u600;timestamp=ull0;}"}));
   EXPECT_TRUE(sent("handleProcessExitEvent:").empty());
 }
 
@@ -73,9 +72,8 @@ TEST_F(ProcEventObserverTest, ExitsAreReportedAsExitsUnlessAPlatformShellOrDaemo
     notify(MessageBuilder::notify(kExit).process(reported).machTime(7));
   }
   EXPECT_EQ(sent("handleProcessExitEvent:"),
-            Texts(3,
-                  "{path=\"/usr/bin/true\", cmd=\"\", pid=uint:5, sid=uint:100007, "
-                  "uid=uint:501, ppid=uint:1, timestamp=ull:7}"));
+            Texts(3, "{path='/usr/bin/true';cmd='';pid=u5;sid=u100007;uid=u501;ppid=u1;"
+                     "timestamp=ull7;}"));
   EXPECT_FALSE(sink.contains("skipped"));
   EXPECT_TRUE(sent("handleProcessStartEvent:").empty());
 }
