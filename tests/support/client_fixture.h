@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <deque>
 #include <memory>
 
 #include "esclient/client.h"
@@ -35,6 +36,17 @@ class ClientFixture : public ::testing::Test {
     tarvex::itx::rtn::setPlatform({});
   }
 
+  // An observer registered with the client (not yet initialised), active
+  // unless told otherwise.
+  RecordingObserver& observe(std::string name, std::vector<es_event_type_t> types,
+                             bool active = true, RecordingObserver::CallLog* log = nullptr) {
+    RecordingObserver& o = observers.emplace_back(std::move(name), std::move(types),
+                                                  endpointsecurity::TagProcObserver, log);
+    if (active) o.activate();
+    client->registerObserver(&o);
+    return o;
+  }
+
   // Builds an AUTH message whose deadline is `ticks` from now.
   std::unique_ptr<TestMessage> authMessage(es_event_type_t type, uint64_t ticks = 1'000'000) {
     return MessageBuilder::auth(type).deadline(clock.now() + ticks).build();
@@ -45,6 +57,7 @@ class ClientFixture : public ::testing::Test {
   FakeEndpointSecurity es;
   CaptureSink sink;
   FakeDaemonLink link;
+  std::deque<RecordingObserver> observers;  // outlive the client
   std::unique_ptr<endpointsecurity::Client> client;
 };
 
