@@ -24,9 +24,9 @@ using namespace std::string_view_literals;
 constexpr LogObject kLog{"com.tarvex.test", "sink"};
 
 // Lines written to stderr go to a stream backed by memory.
-class StderrSinkTest : public ::testing::Test {
+class LinuxStderrSink : public ::testing::Test {
  protected:
-  ~StderrSinkTest() override {
+  ~LinuxStderrSink() override {
     fclose(file_);
     free(buffer_);
   }
@@ -41,7 +41,7 @@ class StderrSinkTest : public ::testing::Test {
   StderrSink sink{file_};
 };
 
-TEST_F(StderrSinkTest, WritesEachLineAsIsWithOneTrailingNewline) {
+TEST_F(LinuxStderrSink, WritesEachLineAsIsWithOneTrailingNewline) {
   sink.write(kLog, LogType::Info, "plain");
   sink.write(kLog, LogType::Error, "ends with newline\n");
   sink.write(kLog, LogType::Debug, "");
@@ -51,7 +51,7 @@ TEST_F(StderrSinkTest, WritesEachLineAsIsWithOneTrailingNewline) {
   EXPECT_EQ(text(), "plain\nends with newline\n\ntwo\nparts\n100% {public}s\t\n\nnul\0inside\n"sv);
 }
 
-TEST_F(StderrSinkTest, LinesFromManyThreadsDoNotInterleave) {
+TEST_F(LinuxStderrSink, LinesFromManyThreadsDoNotInterleave) {
   constexpr int kThreads = 4;
   constexpr int kLines = 200;
   std::vector<std::thread> writers;
