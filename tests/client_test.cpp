@@ -94,47 +94,35 @@ TEST_F(ClientLifecycle, StopDeletesTheClientOnceAndReportsFailure) {
 
 using ClientDispatch = ClientFixture;
 
-TEST_F(ClientDispatch, UnansweredAuthGetsTheDefaultAnswerOnceAndIsReleased) {
-  auto& silent = observe("Silent", {ES_EVENT_TYPE_AUTH_OPEN});
-  auto& inactive = observe("Inactive", {ES_EVENT_TYPE_AUTH_EXEC}, /*active=*/false);
-  ASSERT_TRUE(client->init());
-
-  auto open = authMessage(ES_EVENT_TYPE_AUTH_OPEN);
-  auto exec = authMessage(ES_EVENT_TYPE_AUTH_EXEC);
-  auto unwatched = authMessage(ES_EVENT_TYPE_AUTH_UNLINK);
-  for (const auto* m : {open.get(), exec.get(), unwatched.get()}) es.deliver(m->get());
-  EXPECT_EQ(es.retainCount(open->get()), 1);  // held for the auth queue
-  dispatch.runQueued(kAuthQueue);
-
-  // Everything allowed, uncached: all flags for an open.
-  for (const auto* m : {open.get(), exec.get(), unwatched.get()}) {
-    const auto answers = es.answers(m->get());
-    ASSERT_EQ(answers.size(), 1u);
-    const bool isOpen = m == open.get();
-    EXPECT_EQ(answers[0].type, isOpen ? ES_RESULT_TYPE_FLAGS : ES_RESULT_TYPE_AUTH);
-    EXPECT_EQ(isOpen ? answers[0].flags : answers[0].result,
-              isOpen ? 0xFFFFFFFFu : ES_AUTH_RESULT_ALLOW);
-    EXPECT_FALSE(answers[0].cache);
-    EXPECT_EQ(es.retainCount(m->get()), 0);
-  }
-  EXPECT_EQ(silent.authed, 1);
-  EXPECT_EQ(inactive.authed, 0);
-}
-
-TEST_F(ClientDispatch, EveryActiveObserverRunsInOrderEvenAfterOneAnswered) {
+TEST_F(ClientDispatch, ActiveObserversRunInOrderAndUnansweredAuthGetsTheDefaultOnce) {
   RecordingObserver::CallLog log;
   observe("Denier", {ES_EVENT_TYPE_AUTH_EXEC}, true, &log).denyWith = &es;
-  observe("Off", {ES_EVENT_TYPE_AUTH_EXEC}, false, &log);
-  observe("Second", {ES_EVENT_TYPE_AUTH_EXEC}, true, &log);
+  observe("Off", {ES_EVENT_TYPE_AUTH_EXEC, ES_EVENT_TYPE_AUTH_OPEN}, false, &log);
+  observe("Second", {ES_EVENT_TYPE_AUTH_EXEC, ES_EVENT_TYPE_AUTH_OPEN}, true, &log);
   ASSERT_TRUE(client->init());
-
   auto exec = authMessage(ES_EVENT_TYPE_AUTH_EXEC);
-  es.deliver(exec->get());
-  dispatch.runQueued();
-  EXPECT_EQ(log.snapshot(), (std::vector<std::string>{"Denier.auth", "Second.auth"}));
-  auto answers = es.answers(exec->get());
-  ASSERT_EQ(answers.size(), 1u);  // no default answer after an observer answered
-  EXPECT_EQ(answers[0].result, ES_AUTH_RESULT_DENY);
+  auto open = authMessage(ES_EVENT_TYPE_AUTH_OPEN);
+  auto unwatched = authMessage(ES_EVENT_TYPE_AUTH_UNLINK);
+  for (const auto* m : {exec.get(), open.get(), unwatched.get()}) es.deliver(m->get());
+  EXPECT_EQ(es.retainCount(exec->get()), 1);  // held for the auth queue
+  dispatch.runQueued(kAuthQueue);
+
+  // Every active observer runs, in order, even after one answered.
+  EXPECT_EQ(log.snapshot(), (std::vector<std::string>{"Denier.auth", "Second.auth",
+                                                      "Second.auth"}));
+  // One answer each, never cached: the denial, else allow (all flags for an open).
+  const auto answerTo = [&](const std::unique_ptr<lumo::testing::TestMessage>& m) {
+    const auto answers = es.answers(m->get());
+    EXPECT_EQ(answers.size(), 1u);
+    EXPECT_FALSE(answers.at(0).cache);
+    EXPECT_EQ(es.retainCount(m->get()), 0);
+    return answers.at(0);
+  };
+  EXPECT_EQ(answerTo(exec).result, ES_AUTH_RESULT_DENY);
+  EXPECT_EQ(answerTo(open).type, ES_RESULT_TYPE_FLAGS);
+  EXPECT_EQ(answerTo(open).flags, 0xFFFFFFFFu);
+  EXPECT_EQ(answerTo(unwatched).type, ES_RESULT_TYPE_AUTH);
+  EXPECT_EQ(answerTo(unwatched).result, ES_AUTH_RESULT_ALLOW);
 }
 
 TEST_F(ClientDispatch, WatchdogAnswersAtEightyPercentOfTheTimeLeft) {
