@@ -5,9 +5,9 @@
 #include <thread>
 
 #include "support/capture_sink.h"
-#include "support/value_text.h"
 #include "support/fake_daemon_link.h"
 #include "support/message_builder.h"
+#include "support/value_text.h"
 
 namespace {
 

@@ -9,10 +9,10 @@
 #include <thread>
 
 #include "support/capture_sink.h"
-#include "support/value_text.h"
 #include "support/fake_daemon_link.h"
 #include "support/fake_es.h"
 #include "support/message_builder.h"
+#include "support/value_text.h"
 
 namespace {
 
