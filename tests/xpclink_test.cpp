@@ -163,7 +163,6 @@ TEST_F(XPCLink, StartRegistersWithThePrivilegedServiceOnce) {
   EXPECT_EQ(opened[0].connection->exported(), &xpc());
   EXPECT_TRUE(opened[0].connection->resumed);
   EXPECT_TRUE(xpc().isXPCServiceListening());
-  EXPECT_TRUE(sink.contains("] Info:  Registration success. The Daemon XPC is listening.\n"));
   EXPECT_TRUE(sink.contains("] Func:  Entering -[SysExtXPCClient start:]. \n"));
 
   xpc().start(proxy.get());
@@ -180,24 +179,16 @@ TEST_F(XPCLink, RejectedRegistrationLeavesTheLinkDeafWithoutRetry) {
   connector.acceptRegistration = false;
   xpc().start(proxy.get());
   EXPECT_FALSE(xpc().isXPCServiceListening());
-  EXPECT_TRUE(sink.contains(
-      "] Assert:  Assertion failed: [ 0]Failed to register to XPC service. The Daemon XPC is "
-      "not listening.\n"));
   EXPECT_TRUE(dispatch.pendingTimers().empty());
 }
 
 TEST_F(XPCLink, ReconnectsOneSecondAfterEveryInvalidation) {
   for (size_t cycle = 1; cycle <= 3; ++cycle) {
-    sink.clear();
     dropConnection();
-    EXPECT_TRUE(sink.contains("] Error: Interruption. Remote process stopped !\n"));
-    EXPECT_TRUE(sink.contains("] Error: Attempting reconnection after disconnection !\n"));
     EXPECT_FALSE(xpc().isXPCServiceListening());
-    // What an observer sends meanwhile is dropped.
     sysext::FileEvent lost;
-    xpc().sendFileEvent(&lost);
-    EXPECT_TRUE(sink.contains("] Warn:  No connection. -[SysExtXPCClient sendFileEvent:]\n"));
-
+    xpc().sendFileEvent(&lost);  // dropped while the link is down
+    EXPECT_EQ(connector.last().daemon->count(), 0u);
     clock.advance(kSecond - 1);
     EXPECT_EQ(dispatch.fireDueTimers(), 0u);
     clock.advance(1);
