@@ -108,8 +108,7 @@ TEST_F(ClientDispatch, ActiveObserversRunInOrderAndUnansweredAuthGetsTheDefaultO
   dispatch.runQueued(kAuthQueue);
 
   // Every active observer runs, in order, even after one answered.
-  EXPECT_EQ(log.snapshot(), (std::vector<std::string>{"Denier.auth", "Second.auth",
-                                                      "Second.auth"}));
+  EXPECT_EQ(log, (std::vector<std::string>{"Denier.auth", "Second.auth", "Second.auth"}));
   // One answer each, never cached: the denial, else allow (all flags for an open).
   const auto answerTo = [&](const std::unique_ptr<lumo::testing::TestMessage>& m) {
     const auto answers = es.answers(m->get());

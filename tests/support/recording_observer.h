@@ -11,26 +11,15 @@
 
 namespace lumo::testing {
 
-// An observer that records its calls, in a call log that several observers
-// may share so that tests can check their order.
+// An observer that counts its calls and, given a call log that several
+// observers may share, notes them there in order (single-threaded tests).
 class RecordingObserver : public endpointsecurity::EventObserver {
  public:
-  struct CallLog {
-    std::mutex mutex;
-    std::vector<std::string> calls;
-    void add(const std::string& call) {
-      std::lock_guard<std::mutex> lock(mutex);
-      calls.push_back(call);
-    }
-    std::vector<std::string> snapshot() {
-      std::lock_guard<std::mutex> lock(mutex);
-      return calls;
-    }
-  };
+  using CallLog = std::vector<std::string>;
 
   RecordingObserver(std::string name, std::vector<es_event_type_t> types,
                     endpointsecurity::ObserverTags tags, CallLog* log = nullptr)
-      : name_(std::move(name)), log_(log != nullptr ? log : &ownLog_) {
+      : name_(std::move(name)), log_(log) {
     events = std::move(types);
     setTags(tags);
   }
@@ -38,12 +27,12 @@ class RecordingObserver : public endpointsecurity::EventObserver {
   std::string getName() const override { return name_; }
 
   void onNotify(const es_message_t*, es_client_t*) override {
-    log_->add(name_ + ".notify");
+    if (log_ != nullptr) log_->push_back(name_ + ".notify");
     notified.fetch_add(1);
   }
 
   bool onAuth(const es_message_t* message, es_client_t* client) override {
-    log_->add(name_ + ".auth");
+    if (log_ != nullptr) log_->push_back(name_ + ".auth");
     authed.fetch_add(1);
     if (blockAuth.load()) {
       std::unique_lock<std::mutex> lock(blockMutex_);
@@ -72,8 +61,6 @@ class RecordingObserver : public endpointsecurity::EventObserver {
     return blockCv_.wait_for(lock, std::chrono::seconds(10), [&] { return blocked_.load() >= n; });
   }
 
-  CallLog& log() { return *log_; }
-
   std::atomic<int> notified{0};
   std::atomic<int> authed{0};
   std::atomic<bool> blockAuth{false};
@@ -82,7 +69,6 @@ class RecordingObserver : public endpointsecurity::EventObserver {
 
  private:
   std::string name_;
-  CallLog ownLog_;
   CallLog* log_;
   std::mutex blockMutex_;
   std::condition_variable blockCv_;
