@@ -141,6 +141,12 @@ TEST_F(RefDaemonLink, PushesItsConfigurationOnRegistrationAndCommandsToEveryExte
   EXPECT_TRUE(runCommand("help", *daemon_).help);
   EXPECT_TRUE(runCommand("quit", *daemon_).quit);
   EXPECT_EQ(first.entries().size(), expected.size());
+
+  // An extension that goes is forgotten.
+  b.connection.reset();
+  b.daemon.reset();
+  ASSERT_TRUE(output_.waitFor("{\"connection\":\"closed\",\"peer_pid\":" + pid_ + "}"));
+  EXPECT_EQ(daemon_->registeredCount(), 1u);
 }
 
 TEST_F(RefDaemonLink, RejectingAnswersNoAndPushesNothing) {
