@@ -9,8 +9,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <vector>
 
 #include "dispatch/threadname.h"
@@ -27,13 +25,6 @@ namespace endpointsecurity::linux_es {
 namespace {
 
 constexpr uint32_t kFRead = 0x1;
-
-std::string readAll(const char* path) {
-  std::ifstream in(path);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
 
 std::string pathOfFd(int fd) {
   char buf[PATH_MAX];
@@ -119,7 +110,7 @@ bool FanotifyAuthSource::apply(const EventSet& wanted) {
       delete p;
     });
     mask_ = mask;
-    markMounts(readAll("/proc/self/mountinfo"));
+    markMounts(readMountTable());
     LOG_INFO("Authorisation events: fanotify permission group (%{public}s%{public}s) on %d file "
              "systems.",
              (mask & FAN_OPEN_EXEC_PERM) ? "exec " : "", (mask & FAN_OPEN_PERM) ? "open" : "",
@@ -223,11 +214,7 @@ void FanotifyAuthSource::run() {
     pollfd fds[2] = {{fd, POLLIN, 0}, {mounts, POLLPRI, 0}};
     if (poll(fds, mounts >= 0 ? 2 : 1, 200) <= 0) continue;
     if (mounts >= 0 && (fds[1].revents & (POLLPRI | POLLERR))) {
-      std::string table;
-      char chunk[8192];
-      lseek(mounts, 0, SEEK_SET);
-      for (ssize_t n; (n = read(mounts, chunk, sizeof chunk)) > 0;) table.append(chunk, n);
-      pendingTable = std::move(table);
+      pendingTable = readMountTable(mounts);
     }
     if (!pendingTable.empty()) {
       std::unique_lock<std::mutex> lock(mutex_, std::try_to_lock);

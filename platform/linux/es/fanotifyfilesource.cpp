@@ -11,8 +11,6 @@
 #include <cerrno>
 #include <cstring>
 #include <chrono>
-#include <fstream>
-#include <sstream>
 #include <vector>
 
 #include "dispatch/threadname.h"
@@ -36,13 +34,6 @@ constexpr int kHoldMillis = 5;
 constexpr size_t kResolvedPaths = 4096;
 // The reading beat under load.
 constexpr int kBatchMillis = 10;
-
-std::string readAll(const char* path) {
-  std::ifstream in(path);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
 
 }  // namespace
 
@@ -153,7 +144,7 @@ bool FanotifyFileSource::apply(const EventSet& wanted) {
       return false;
     }
     mask_ = mask;
-    markMounts(readAll("/proc/self/mountinfo"));
+    markMounts(readMountTable());
     LOG_INFO("File events: fanotify FID group with filesystem marks on %d file systems.",
              static_cast<int>(marked_.size()));
     thread_ = std::thread([this] { run(); });
@@ -259,12 +250,7 @@ void FanotifyFileSource::run() {
     }
     if (ready < 0) continue;
     if (mounts >= 0 && (fds[1].revents & (POLLPRI | POLLERR))) {
-      // Reading the table to its end re-arms the notification.
-      std::string table;
-      char chunk[8192];
-      lseek(mounts, 0, SEEK_SET);
-      for (ssize_t n; (n = read(mounts, chunk, sizeof chunk)) > 0;) table.append(chunk, n);
-      pendingTable = std::move(table);
+      pendingTable = readMountTable(mounts);
     }
     if (!pendingTable.empty()) {
       // apply() holds the lock while it joins this thread: never wait for

@@ -1,5 +1,8 @@
 #include "es/mounts.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <set>
 #include <sstream>
 
@@ -58,6 +61,18 @@ bool watchableFsType(const std::string& fsType) {
       "fusectl",  "hugetlbfs", "autofs",  "binfmt_misc", "rpc_pipefs", "nsfs",
       "efivarfs", "devtmpfs",  "selinuxfs", "ramfs",     "squashfs",   "nfsd"};
   return pseudo.count(fsType) == 0;
+}
+
+std::string readMountTable(int fd) {
+  const bool own = fd < 0;
+  if (own) fd = open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return {};
+  std::string table;
+  char chunk[8192];
+  lseek(fd, 0, SEEK_SET);
+  for (ssize_t n; (n = read(fd, chunk, sizeof chunk)) > 0;) table.append(chunk, static_cast<size_t>(n));
+  if (own) close(fd);
+  return table;
 }
 
 }  // namespace endpointsecurity::linux_es
