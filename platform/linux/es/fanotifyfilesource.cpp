@@ -177,18 +177,21 @@ void FanotifyFileSource::stop() {
   mask_ = 0;
 }
 
-// Paths by handle, checked on use: a directory renamed or replaced since
-// no longer has the inode its cached path leads to, and is resolved again.
-// Nothing is held open, so volumes unmount freely.
+// Paths by handle, checked once per read: a directory renamed or replaced
+// since no longer has the inode its cached path leads to, and is resolved
+// again. Like a handle resolved afresh, a path is as of the read, not of the
+// event. Nothing is held open, so volumes unmount freely.
 std::optional<std::string> FanotifyFileSource::path(const std::string& key) {
   constexpr size_t kFsid = sizeof(__kernel_fsid_t);
   if (key.size() < kFsid + sizeof(file_handle)) return std::nullopt;
   auto cached = resolved_.find(key);
   if (cached != resolved_.end()) {
+    Resolved& known = cached->second;
+    if (known.checkedIn == read_) return known.path;
     struct stat st{};
-    if (lstat(cached->second.path.c_str(), &st) == 0 && st.st_dev == cached->second.dev &&
-        st.st_ino == cached->second.ino) {
-      return cached->second.path;
+    if (lstat(known.path.c_str(), &st) == 0 && st.st_dev == known.dev && st.st_ino == known.ino) {
+      known.checkedIn = read_;
+      return known.path;
     }
     resolved_.erase(cached);
   }
@@ -220,7 +223,7 @@ std::optional<std::string> FanotifyFileSource::path(const std::string& key) {
     path.resize(path.size() - kDeleted.size());
   } else if (statted) {
     if (resolved_.size() >= kResolvedPaths) resolved_.clear();
-    resolved_[key] = Resolved{path, st.st_dev, st.st_ino};
+    resolved_[key] = Resolved{path, st.st_dev, st.st_ino, read_};
   }
   return path;
 }
@@ -264,6 +267,7 @@ void FanotifyFileSource::run() {
     if (fds[0].revents & POLLIN) {
       const ssize_t n = read(fd_, buffer.data(), buffer.size());
       if (n > 0) {
+        ++read_;
         // The observers' queues are woken once for the whole read.
         tarvex::itx::rtn::linux_platform::WakeBatch batch;
         decoder_.handle(buffer.data(), static_cast<size_t>(n));

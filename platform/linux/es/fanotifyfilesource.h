@@ -39,6 +39,7 @@ class FanotifyFileSource final : public IEventSource, private IHandleResolver {
     std::string path;
     dev_t dev;
     ino_t ino;
+    uint64_t checkedIn;  // the read it was last found still true in
   };
 
   bool openGroup(std::string* why);
@@ -61,6 +62,7 @@ class FanotifyFileSource final : public IEventSource, private IHandleResolver {
   std::set<dev_t> devices_;
   // Reader thread only.
   std::unordered_map<std::string, Resolved> resolved_;
+  uint64_t read_ = 0;  // reads so far
   std::thread thread_;
   std::atomic<bool> stopping_{false};
 };
