@@ -36,12 +36,15 @@ struct Client::HeldMessage {
     client.inFlight.fetch_add(1);
   }
   ~HeldMessage() {
+    // Answered in time: its deadline watch has nothing left to do.
+    if (watchdog) watchdog->cancel();
     message.reset();
     client.leaveFlight();
   }
   Client& client;
   RetainedMessage message;
   std::atomic<bool> answered{false};
+  tarvex::itx::rtn::TimerRef watchdog;  // AUTH only; set before the auth block is queued
 };
 
 Client::Client(const tarvex::itx::rtn::Platform& seams)
@@ -248,7 +251,7 @@ void Client::dispatchAuth(const es_message_t* message) {
   LOG_ASSERT(deadline_delta_tics > 0, "");
 
   std::weak_ptr<HeldMessage> watched = pending;
-  dispatch.after(now + deadline_delta_tics, authDeadlineQueue, [watched] {
+  pending->watchdog = dispatch.after(now + deadline_delta_tics, authDeadlineQueue, [watched] {
     std::shared_ptr<HeldMessage> auth = watched.lock();
     if (!auth) return;  // the auth block is done with it
     auth->client.onDeadline(*auth);

@@ -30,6 +30,16 @@ class IQueue {
 
 using QueueRef = std::shared_ptr<IQueue>;
 
+// A timer set by after(). Cancelled before it is due, its task is dropped
+// unrun: a deadline met early costs nothing when its time comes.
+class ITimer {
+ public:
+  virtual ~ITimer() = default;
+  virtual void cancel() = 0;
+};
+
+using TimerRef = std::shared_ptr<ITimer>;
+
 // Dispatch queues and timers. Work on a concurrent queue may run in
 // parallel with itself. A queue made by createConcurrentQueue never shares
 // threads with another such queue, so one that is blocked cannot starve the
@@ -39,8 +49,9 @@ class IDispatch {
   virtual ~IDispatch() = default;
   virtual QueueRef createConcurrentQueue(const char* label, QosClass target) = 0;
   virtual QueueRef globalQueue(QosClass qos) = 0;
-  // Runs task on queue once the clock (IClock::now) reaches when.
-  virtual void after(uint64_t when, const QueueRef& queue, Task task) = 0;
+  // Runs task on queue once the clock (IClock::now) reaches when, unless
+  // the timer returned is cancelled first. Never null.
+  virtual TimerRef after(uint64_t when, const QueueRef& queue, Task task) = 0;
   // Parks the calling thread for good (dispatch_main).
   [[noreturn]] virtual void main() = 0;
 };

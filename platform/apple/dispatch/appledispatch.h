@@ -20,7 +20,7 @@ class AppleDispatch final : public IDispatch {
   QueueRef createConcurrentQueue(const char* label, QosClass target) override;
   QueueRef globalQueue(QosClass qos) override;
   // `when` is mach absolute time, which dispatch_time_t is on this platform.
-  void after(uint64_t when, const QueueRef& queue, Task task) override;
+  TimerRef after(uint64_t when, const QueueRef& queue, Task task) override;
   [[noreturn]] void main() override;
 };
 

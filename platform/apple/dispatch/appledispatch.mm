@@ -60,16 +60,45 @@ QueueRef AppleDispatch::globalQueue(QosClass qos) {
   return std::make_shared<DispatchQueue>(queue, dispatch_queue_get_label(queue));
 }
 
-void AppleDispatch::after(uint64_t when, const QueueRef& queue, Task task) {
-  if (when > kLatestDispatchTime || !queue) return;  // never due: drop it now
-  if (const auto* own = dynamic_cast<const DispatchQueue*>(queue.get())) {
-    dispatch_after_f(when, own->native(), new Task(std::move(task)), runTask);
-    return;
+namespace {
+
+// A block that dispatch_block_cancel can stop before it runs.
+class BlockTimer final : public ITimer {
+ public:
+  explicit BlockTimer(Task task) {
+    auto shared = std::make_shared<Task>(std::move(task));
+    block_ = dispatch_block_create(static_cast<dispatch_block_flags_t>(0), ^{
+      (*shared)();
+    });
   }
-  // A queue of another kind (a test's) gets the task when it is due.
-  QueueRef target = queue;
-  Task hop = [target, inner = std::move(task)]() mutable { target->async(std::move(inner)); };
-  dispatch_after_f(when, globalFor(QosClass::Default), new Task(std::move(hop)), runTask);
+  void cancel() override { dispatch_block_cancel(block_); }
+  dispatch_block_t block() const { return block_; }
+
+ private:
+  dispatch_block_t block_;
+};
+
+class NoTimer final : public ITimer {
+ public:
+  void cancel() override {}
+};
+
+}  // namespace
+
+TimerRef AppleDispatch::after(uint64_t when, const QueueRef& queue, Task task) {
+  // Never due: drop it now.
+  if (when > kLatestDispatchTime || !queue) return std::make_shared<NoTimer>();
+  dispatch_queue_t native = globalFor(QosClass::Default);
+  if (const auto* own = dynamic_cast<const DispatchQueue*>(queue.get())) {
+    native = own->native();
+  } else {
+    // A queue of another kind (a test's) gets the task when it is due.
+    QueueRef target = queue;
+    task = [target, inner = std::move(task)]() mutable { target->async(std::move(inner)); };
+  }
+  auto timer = std::make_shared<BlockTimer>(std::move(task));
+  dispatch_after(when, native, timer->block());
+  return timer;
 }
 
 void AppleDispatch::main() { dispatch_main(); }

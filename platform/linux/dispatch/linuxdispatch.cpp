@@ -65,8 +65,9 @@ QueueRef LinuxDispatch::globalQueue(QosClass qos) {
   return queue;
 }
 
-void LinuxDispatch::after(uint64_t when, const QueueRef& queue, Task task) {
-  if (queue) timers_.schedule(when, queue, std::move(task));
+TimerRef LinuxDispatch::after(uint64_t when, const QueueRef& queue, Task task) {
+  if (!queue) return TimerThread::unset();
+  return timers_.schedule(when, queue, std::move(task));
 }
 
 void LinuxDispatch::main() {
@@ -84,8 +85,9 @@ QueueRef LinuxDispatch::makeQueueLocked(std::string label, QosClass qos) {
   if (recruiting.stall.count() > 0) {
     // The check runs on the timer thread itself: it only looks and wakes.
     recruiting.arm = [this](std::chrono::microseconds delay, Task check) {
-      timers_.schedule(clock_.now() + static_cast<uint64_t>(delay.count()) * 1000, inline_,
-                       std::move(check));
+      const auto nanos = static_cast<uint64_t>(delay.count()) * 1000;
+      return timers_.schedule(clock_.now() + clock_.nanosToTicks(nanos), inline_,
+                              std::move(check));
     };
   }
   auto pool = std::make_shared<WorkerPool>(label, cap, limits_.idleTimeout, spin, recruiting);

@@ -40,7 +40,7 @@ class LinuxDispatch final : public IDispatch {
 
   QueueRef createConcurrentQueue(const char* label, QosClass target) override;
   QueueRef globalQueue(QosClass qos) override;
-  void after(uint64_t when, const QueueRef& queue, Task task) override;
+  TimerRef after(uint64_t when, const QueueRef& queue, Task task) override;
   [[noreturn]] void main() override;
 
  private:

@@ -1,76 +1,155 @@
 #include "dispatch/timerthread.h"
 
+#include <poll.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+
 #include <algorithm>
-#include <chrono>
+#include <cerrno>
+#include <system_error>
 #include <utility>
+#include <vector>
 
 #include "dispatch/threadname.h"
 
 namespace tarvex::itx::rtn::linux_platform {
 
 namespace {
-// Waits are cut into slices no longer than this so that a far-off deadline
-// cannot overflow the condition variable's time arithmetic.
+// Far-off deadlines are looked at again after this long, which keeps the
+// time arithmetic in range.
 constexpr uint64_t kMaxWaitNanos = 3600ull * 1000 * 1000 * 1000;
 }  // namespace
 
+struct TimerThread::Book {
+  struct Key {
+    uint64_t when;
+    uint64_t seq;
+    bool operator<(const Key& other) const {
+      return when != other.when ? when < other.when : seq < other.seq;
+    }
+  };
+  struct Due {
+    QueueRef queue;
+    Task task;
+  };
+
+  explicit Book(IClock& c) : clock(c), fd(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC)) {
+    if (fd < 0) throw std::system_error(errno, std::generic_category(), "timerfd_create");
+  }
+  ~Book() { close(fd); }
+
+  // Sets the kernel timer for the earliest pending timer, or clears it.
+  // Under mutex.
+  void armLocked() {
+    const uint64_t when = pending.empty() ? 0 : pending.begin()->first.when;
+    if (when == armed) return;
+    itimerspec spec{};
+    if (when != 0) {
+      const uint64_t now = clock.now();
+      uint64_t nanos = when > now ? clock.ticksToNanos(when - now) : 0;
+      nanos = std::clamp<uint64_t>(nanos, 1, kMaxWaitNanos);  // 0 would disarm
+      spec.it_value.tv_sec = static_cast<time_t>(nanos / 1'000'000'000);
+      spec.it_value.tv_nsec = static_cast<long>(nanos % 1'000'000'000);
+    }
+    timerfd_settime(fd, 0, &spec, nullptr);
+    armed = when;
+  }
+
+  // Nothing to post is dropped under the lock: a task's captures may
+  // schedule or cancel timers as they go.
+  void cancel(const Key& key) {
+    Due dropped;
+    {
+      std::lock_guard lock(mutex);
+      auto it = pending.find(key);
+      if (it == pending.end()) return;
+      dropped = std::move(it->second);
+      pending.erase(it);
+      armLocked();
+    }
+  }
+
+  IClock& clock;
+  const int fd;
+  std::mutex mutex;
+  std::map<Key, Due> pending;
+  uint64_t armed = 0;  // the kernel timer's deadline; 0 while cleared
+  uint64_t nextSeq = 0;
+  bool stopping = false;
+};
+
+class TimerThread::Handle final : public ITimer {
+ public:
+  Handle(std::weak_ptr<Book> book, Book::Key key) : book_(std::move(book)), key_(key) {}
+  void cancel() override {
+    if (auto book = book_.lock()) book->cancel(key_);
+  }
+
+ private:
+  const std::weak_ptr<Book> book_;
+  const Book::Key key_;
+};
+
+TimerRef TimerThread::unset() {
+  class Unset final : public ITimer {
+   public:
+    void cancel() override {}
+  };
+  static const TimerRef none = std::make_shared<Unset>();
+  return none;
+}
+
 TimerThread::TimerThread(IClock& clock)
-    : clock_(clock), maxWaitTicks_(clock.nanosToTicks(kMaxWaitNanos)), thread_([this] { run(); }) {}
+    : book_(std::make_shared<Book>(clock)), thread_([this] { run(); }) {}
 
 TimerThread::~TimerThread() { stop(); }
 
-bool TimerThread::later(const Entry& a, const Entry& b) {
-  return a.when != b.when ? a.when > b.when : a.seq > b.seq;
-}
-
-void TimerThread::schedule(uint64_t when, QueueRef queue, Task task) {
-  bool earliest;
-  {
-    std::lock_guard lock(mutex_);
-    if (stopping_) return;
-    const uint64_t seq = nextSeq_++;
-    heap_.push_back(Entry{when, seq, std::move(queue), std::move(task)});
-    std::push_heap(heap_.begin(), heap_.end(), later);
-    earliest = heap_.front().seq == seq;
-  }
-  // Only a new earliest deadline shortens the current wait.
-  if (earliest) changed_.notify_one();
+TimerRef TimerThread::schedule(uint64_t when, QueueRef queue, Task task) {
+  std::lock_guard lock(book_->mutex);
+  if (book_->stopping) return unset();
+  const Book::Key key{std::max<uint64_t>(when, 1), book_->nextSeq++};
+  book_->pending.emplace(key, Book::Due{std::move(queue), std::move(task)});
+  book_->armLocked();
+  return std::make_shared<Handle>(book_, key);
 }
 
 void TimerThread::stop() {
-  std::vector<Entry> dropped;
+  std::map<Book::Key, Book::Due> dropped;
   {
-    std::lock_guard lock(mutex_);
-    stopping_ = true;
-    dropped.swap(heap_);
+    std::lock_guard lock(book_->mutex);
+    if (book_->stopping) return;
+    book_->stopping = true;
+    dropped.swap(book_->pending);
+    // Wakes the thread to see it is over.
+    const itimerspec now{{0, 0}, {0, 1}};
+    timerfd_settime(book_->fd, 0, &now, nullptr);
   }
-  changed_.notify_all();
   if (thread_.joinable()) thread_.join();
 }
 
 void TimerThread::run() {
   nameThread("lumo.timer");
-  std::unique_lock lock(mutex_);
-  while (!stopping_) {
-    if (heap_.empty()) {
-      changed_.wait(lock);
-      continue;
-    }
-    const uint64_t now = clock_.now();
-    const uint64_t when = heap_.front().when;
-    if (when > now) {
-      const uint64_t ticks = std::min(when - now, maxWaitTicks_);
-      changed_.wait_for(lock, std::chrono::nanoseconds(clock_.ticksToNanos(ticks)));
-      continue;
-    }
-    std::pop_heap(heap_.begin(), heap_.end(), later);
+  Book& book = *book_;
+  std::vector<Book::Due> due;
+  for (;;) {
+    pollfd fds{book.fd, POLLIN, 0};
+    if (poll(&fds, 1, -1) < 0) continue;  // EINTR
+    uint64_t expirations = 0;
+    (void)!read(book.fd, &expirations, sizeof expirations);
     {
-      Entry due = std::move(heap_.back());
-      heap_.pop_back();
-      lock.unlock();
-      due.queue->async(std::move(due.task));
+      std::lock_guard lock(book.mutex);
+      if (book.stopping) return;
+      const uint64_t now = book.clock.now();
+      while (!book.pending.empty() && book.pending.begin()->first.when <= now) {
+        due.push_back(std::move(book.pending.begin()->second));
+        book.pending.erase(book.pending.begin());
+      }
+      // Fired, so the kernel timer is clear; set it for what is left.
+      book.armed = 0;
+      book.armLocked();
     }
-    lock.lock();
+    for (Book::Due& timer : due) timer.queue->async(std::move(timer.task));
+    due.clear();
   }
 }
 

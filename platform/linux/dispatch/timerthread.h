@@ -1,19 +1,22 @@
 #pragma once
 
-#include <condition_variable>
 #include <cstdint>
+#include <map>
+#include <memory>
 #include <mutex>
 #include <thread>
-#include <vector>
 
 #include "rtn/clock.h"
 #include "rtn/dispatch.h"
 
 namespace tarvex::itx::rtn::linux_platform {
 
-// One thread holding deadline timers in a min-heap. A due timer is posted to
-// its queue; the timer thread never runs tasks, so a slow task cannot make
-// other timers late.
+// One thread serving deadline timers from a timerfd. The kernel timer is
+// set by whoever schedules or cancels the earliest timer, so the thread
+// wakes only when a timer is really due: AUTH deadlines and stall checks,
+// nearly all cancelled well before their time, cost no wakeup at all. A due
+// timer is posted to its queue; the thread never runs tasks, so a slow one
+// cannot make other timers late.
 class TimerThread {
  public:
   explicit TimerThread(IClock& clock);
@@ -23,28 +26,19 @@ class TimerThread {
 
   // when is absolute, in IClock::now() units. Timers due at the same time
   // are posted in the order they were scheduled.
-  void schedule(uint64_t when, QueueRef queue, Task task);
+  TimerRef schedule(uint64_t when, QueueRef queue, Task task);
+  // What stands for a timer that was never set.
+  static TimerRef unset();
 
   // Discards pending timers and joins the thread; later timers are dropped.
   void stop();
 
  private:
-  struct Entry {
-    uint64_t when;
-    uint64_t seq;
-    QueueRef queue;
-    Task task;
-  };
-  static bool later(const Entry& a, const Entry& b);
+  struct Book;
+  class Handle;
   void run();
 
-  IClock& clock_;
-  const uint64_t maxWaitTicks_;
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<Entry> heap_;
-  uint64_t nextSeq_ = 0;
-  bool stopping_ = false;
+  const std::shared_ptr<Book> book_;
   std::thread thread_;  // last, so it starts after the rest is built
 };
 

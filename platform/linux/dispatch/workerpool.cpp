@@ -52,9 +52,24 @@ void WorkerPool::wakeForQueued() {
 }
 
 void WorkerPool::armStallCheck() {
-  recruiting_.arm(recruiting_.stall, [weak = weak_from_this()] {
+  TimerRef check = recruiting_.arm(recruiting_.stall, [weak = weak_from_this()] {
     if (auto self = weak.lock()) self->stallCheck();
   });
+  {
+    std::lock_guard lock(mutex_);
+    // Still wanted: kept for cancelling once the queue drains.
+    if (checkArmed_ && !check_) {
+      check_ = std::move(check);
+      return;
+    }
+  }
+  if (check) check->cancel();
+}
+
+TimerRef WorkerPool::disarmLocked() {
+  if (!checkArmed_ || !tasks_.empty()) return nullptr;
+  checkArmed_ = false;
+  return std::move(check_);
 }
 
 // Tasks were left queued for a busy worker: if it has taken none since,
@@ -66,6 +81,7 @@ void WorkerPool::stallCheck() {
   {
     std::lock_guard lock(mutex_);
     checkArmed_ = false;
+    check_.reset();
     if (stopping_ || tasks_.empty()) return;
     if (busy_ > 0 && std::chrono::steady_clock::now() - lastTaken_ < recruiting_.stall) {
       checkArmed_ = arm = true;
@@ -183,6 +199,12 @@ void WorkerPool::workerMain() {
       }
       lock.lock();
       --busy_;
+      continue;
+    }
+    if (TimerRef check = disarmLocked()) {
+      lock.unlock();
+      check->cancel();
+      lock.lock();
       continue;
     }
     if (stopping_ || released_) break;

@@ -20,12 +20,13 @@ namespace tarvex::itx::rtn::linux_platform {
 // worker that is busy but took a task within the stall time keeps the
 // queue to itself: short tasks are drained by one thread rather than waking
 // one thread each. More come in once the workers seem stuck (no task taken
-// for that long, as the armed check finds) or `backlog` tasks wait.
+// for that long, as the armed check finds) or `backlog` tasks wait. A
+// check is cancelled once the queue is drained.
 // Without, every waiting task brings a worker.
 struct Recruiting {
   std::chrono::microseconds stall{0};
   size_t backlog = 0;
-  std::function<void(std::chrono::microseconds delay, Task check)> arm;
+  std::function<TimerRef(std::chrono::microseconds delay, Task check)> arm;
 };
 
 // The threads behind one queue. Starts with none; while tasks wait and no
@@ -64,6 +65,8 @@ class WorkerPool : public std::enable_shared_from_this<WorkerPool> {
   bool bringWorkerLocked();
   void armStallCheck();
   void stallCheck();
+  // The armed check, once the queue is empty; null otherwise.
+  TimerRef disarmLocked();
   void spawnLocked();
   void workerMain();
   // Looks for work without the lock for up to spin_; true if some came.
@@ -92,6 +95,7 @@ class WorkerPool : public std::enable_shared_from_this<WorkerPool> {
   unsigned busy_ = 0;      // running a task
   std::chrono::steady_clock::time_point lastTaken_;
   bool checkArmed_ = false;
+  TimerRef check_;  // the armed check, when arm() has returned it
   std::atomic<size_t> queued_{0};  // tasks_.size(), for spinners
   bool released_ = false;
   bool stopping_ = false;

@@ -227,16 +227,16 @@ void LinuxEndpointSecurity::scheduleFailsafe(Message& message) {
                                 ? es.event.open.file->path.data
                                 : nullptr);
   const pid_t pid = es.process ? audit_token_to_pid(es.process->audit_token) : 0;
-  dispatch_.after(es.deadline, failsafeQueue_,
-                  [this, verdict = message.verdict, type = es.event_type, pid,
-                   what = std::string(path ? path : "")] {
-                    if (!verdict->finish(true)) return;
-                    counters_.authFailsafe.fetch_add(1);
-                    LOG_ERROR(
-                        "AUTH event %d of pid %d (%{public}s) was not answered by its "
-                        "deadline; allowed.",
-                        static_cast<int>(type), pid, what.c_str());
-                  });
+  // The verdict cancels it once given: a deadline met costs no wakeup.
+  message.verdict->watchedBy(dispatch_.after(
+      es.deadline, failsafeQueue_,
+      [this, verdict = message.verdict, type = es.event_type, pid,
+       what = std::string(path ? path : "")] {
+        if (!verdict->finish(true)) return;
+        counters_.authFailsafe.fetch_add(1);
+        LOG_ERROR("AUTH event %d of pid %d (%{public}s) was not answered by its deadline; allowed.",
+                  static_cast<int>(type), pid, what.c_str());
+      }));
 }
 
 es_respond_result_t LinuxEndpointSecurity::answer(es_client_t* client,

@@ -1,5 +1,6 @@
 #include "es/message.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace endpointsecurity::linux_es {
@@ -11,15 +12,25 @@ Message::Message(es_event_type_t type, es_action_type_t action) {
   es.reserved_facility = this;
 }
 
-es_string_token_t Message::addString(std::string text) {
-  strings_.push_back(std::move(text));
-  return {strings_.back().size(), strings_.back().c_str()};
+es_string_token_t TextArena::add(std::string_view text) {
+  const size_t need = text.size() + 1;
+  if (need > room_) {
+    const size_t size = std::max(need, kBlock);
+    blocks_.push_back(std::make_unique_for_overwrite<char[]>(size));
+    free_ = blocks_.back().get();
+    room_ = size;
+  }
+  char* copy = free_;
+  std::memcpy(copy, text.data(), text.size());
+  copy[text.size()] = '\0';
+  free_ += need;
+  room_ -= need;
+  return {text.size(), copy};
 }
 
-es_file_t* Message::addFile(std::string path, const struct stat* st) {
-  es_file_t& file = files_.emplace_back();
-  std::memset(&file, 0, sizeof file);
-  file.path = addString(std::move(path));
+es_file_t* Message::addFile(std::string_view path, const struct stat* st) {
+  es_file_t& file = files_.add();
+  file.path = addString(path);
   if (st != nullptr) file.stat = *st;
   return &file;
 }
@@ -27,8 +38,7 @@ es_file_t* Message::addFile(std::string path, const struct stat* st) {
 // Linux has no code signing the way the ES API means it: signing and team
 // ids stay absent, is_platform_binary stays false.
 es_process_t* Message::addProcess(const ProcessInfo& info) {
-  es_process_t& process = processes_.emplace_back();
-  std::memset(&process, 0, sizeof process);
+  es_process_t& process = processes_.add();
   process.audit_token = tokenOf(info);
   process.ppid = info.ppid;
   process.original_ppid = info.ppid;
@@ -48,12 +58,10 @@ es_process_t* Message::addProcess(const ProcessInfo& info) {
 }
 
 void Message::setExecArgs(std::vector<std::string> args) {
-  args_.clear();
+  args_ = std::move(args);
   argTokens_.clear();
-  for (auto& a : args) {
-    args_.push_back(std::move(a));
-    argTokens_.push_back({args_.back().size(), args_.back().c_str()});
-  }
+  argTokens_.reserve(args_.size());
+  for (const std::string& a : args_) argTokens_.push_back({a.size(), a.c_str()});
   // The facility reads arguments through the owning message.
   es.event.exec.args = {argTokens_.size(), reinterpret_cast<const uint8_t*>(this)};
 }

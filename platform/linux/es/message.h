@@ -2,16 +2,20 @@
 
 #include <EndpointSecurity/EndpointSecurity.h>
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "es/procinfo.h"
+#include "rtn/dispatch.h"
 
 namespace endpointsecurity::linux_es {
 
@@ -23,18 +27,72 @@ struct ClientState;
 class AuthVerdict {
  public:
   explicit AuthVerdict(std::function<void(bool allow)> respond) : respond_(std::move(respond)) {}
-  // True for the call that gave the answer.
+  // True for the call that gave the answer. The fail-safe goes with it.
   bool finish(bool allow) {
     if (done_.exchange(true)) return false;
     if (respond_) respond_(allow);
     respond_ = nullptr;
+    tarvex::itx::rtn::TimerRef failsafe;
+    {
+      std::lock_guard<std::mutex> lock(failsafeMutex_);
+      failsafe = std::move(failsafe_);
+    }
+    if (failsafe) failsafe->cancel();
     return true;
   }
   bool done() const { return done_.load(); }
+  // The timer that answers at the deadline; cancelled with the answer.
+  void watchedBy(tarvex::itx::rtn::TimerRef failsafe) {
+    {
+      std::lock_guard<std::mutex> lock(failsafeMutex_);
+      if (!done_.load()) {
+        failsafe_ = std::move(failsafe);
+        return;
+      }
+    }
+    failsafe->cancel();
+  }
 
  private:
   std::atomic<bool> done_{false};
   std::function<void(bool)> respond_;
+  std::mutex failsafeMutex_;
+  tarvex::itx::rtn::TimerRef failsafe_;
+};
+
+// Parts of a message at addresses that stay put: the first N in place, the
+// rest, which few messages need, in a deque made on first use.
+template <typename T, size_t N>
+class Slots {
+ public:
+  T& add() {
+    if (used_ < N) return inline_[used_++];
+    if (!more_) more_.emplace();
+    return more_->emplace_back();
+  }
+
+ private:
+  std::array<T, N> inline_{};
+  size_t used_ = 0;
+  std::optional<std::deque<T>> more_;
+};
+
+// NUL-terminated copies of a message's strings, packed into blocks; the
+// first block is part of the message.
+class TextArena {
+ public:
+  TextArena() = default;
+  TextArena(const TextArena&) = delete;
+  TextArena& operator=(const TextArena&) = delete;
+  es_string_token_t add(std::string_view text);
+
+ private:
+  static constexpr size_t kInline = 512;
+  static constexpr size_t kBlock = 2048;
+  char inline_[kInline];
+  char* free_ = inline_;
+  size_t room_ = kInline;
+  std::vector<std::unique_ptr<char[]>> blocks_;
 };
 
 // One message and everything its pointers reach, owned by the facility and
@@ -54,8 +112,8 @@ class Message {
 
   // Storage whose addresses stay put as it grows.
   es_process_t* addProcess(const ProcessInfo& info);
-  es_file_t* addFile(std::string path, const struct stat* st);
-  es_string_token_t addString(std::string text);
+  es_file_t* addFile(std::string_view path, const struct stat* st);
+  es_string_token_t addString(std::string_view text) { return text_.add(text); }
   void setExecArgs(std::vector<std::string> args);
   // Arguments read on first use: an AUTH exec's argv is fetched only when
   // an observer asks for it (the caller waits in execve meanwhile).
@@ -81,10 +139,12 @@ class Message {
   std::atomic<int> refs{1};
 
  private:
-  std::deque<es_process_t> processes_;
-  std::deque<es_file_t> files_;
-  std::deque<std::string> strings_;
-  std::deque<std::string> args_;
+  // Sized for the common messages: an exec's caller and image, a rename's
+  // two files and the executables of its process.
+  Slots<es_process_t, 2> processes_;
+  Slots<es_file_t, 4> files_;
+  TextArena text_;
+  std::vector<std::string> args_;  // never changed once the tokens point in
   std::vector<es_string_token_t> argTokens_;
   std::function<std::vector<std::string>()> fetchArgs_;
   std::once_flag argsOnce_;
