@@ -1,93 +1,106 @@
+// The client proxy, and the daemon link that feeds it and carries the
+// records out.
 #include "proxy/clientproxy.h"
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <set>
+#include <stdexcept>
 
 #include "rtn/platform.h"
-#include "support/cancelled_context.h"
+#include "rtnmac/productpaths.h"
+#include "rtnmac/productroot.h"
 #include "support/capture_sink.h"
 #include "support/fake_daemon_link.h"
 #include "support/fake_es.h"
 #include "support/manual_dispatch.h"
+#include "xpc/xpcclient.h"
 
 namespace {
 
+namespace fs = std::filesystem;
 using namespace endpointsecurity;
+using tarvex::itx::xpc::Array;
 using tarvex::itx::xpc::Dictionary;
 using tarvex::itx::xpc::Number;
+using tarvex::itx::xpc::Value;
 using Modes = std::vector<bool>;  // process, file and printer observer on
 using Texts = std::vector<std::string>;
+using Replies = std::vector<bool>;
 
-Dictionary policy(bool dup, bool webcontrol, bool devicecontrol) {
+Dictionary policy(bool dup, bool webcontrol = false, bool devicecontrol = false) {
   return {{{"antitamperingon", Number::ofBool(false)},
            {"dupon", Number::ofBool(dup)},
            {"webcontrolon", Number::ofBool(webcontrol)},
            {"devicecontrolon", Number::ofBool(devicecontrol)}}};
 }
 
-// An initialised proxy over the fake facility and a fake daemon, with
+// An initialised proxy over the fake facility and fake daemons, with
 // queues the test runs by hand.
 class ClientProxyTest : public ::testing::Test {
  protected:
   ClientProxyTest() : dispatch(clock) {
     tarvex::itx::rtn::setPlatform({&es, &dispatch, &clock, &connector});
+    SysExtXPCClientTestPeer::reset();
     proxy = std::make_unique<ClientProxy>();
+    EXPECT_TRUE(proxy->init());
   }
-  void SetUp() override { ASSERT_TRUE(proxy->init()); }
-  void TearDown() override {
+  ~ClientProxyTest() override {
+    SysExtXPCClientTestPeer::reset();
     dispatch.runQueued();
     proxy.reset();
     tarvex::itx::rtn::setPlatform({});
   }
 
   bool apply(const Dictionary& payload) { return proxy->applySettings(&payload); }
-  template <typename T = EventObserver>
-  T* component(const std::string& name) {
+  template <typename T>
+  T& part() {
     for (ISysExtManagable* c : proxy->director().components()) {
-      if (c->getName() == name) return dynamic_cast<T*>(c);
+      if (auto* t = dynamic_cast<T*>(c)) return *t;
     }
-    return nullptr;
+    throw std::logic_error("the proxy has no such part");
   }
   // The observers' modes; the subscriptions must be what the active ones want.
   Modes modes() {
     Modes on;
     std::set<es_event_type_t> wanted;
-    for (const char* name : {"ProcEventObserver", "FileEventObserver", "PrinterEventObserver"}) {
-      const EventObserver* o = component(name);
+    for (EventObserver* o : std::initializer_list<EventObserver*>{&part<ProcEventObserver>(),
+                                                                  &part<FileEventObserver>(),
+                                                                  &part<PrinterEventObserver>()}) {
       on.push_back(o->isActive());
       if (o->isActive()) wanted.insert(o->eventTypes().begin(), o->eventTypes().end());
     }
     EXPECT_EQ(es.subscriptions(0), wanted);
     return on;
   }
-  bool mounted(const std::string& path) {
-    bool found = false;
-    component<FileEventObserver>("FileEventObserver")->getMountTypeFromFilePath(path, found);
-    return found;
-  }
+  SysExtXPCClient& xpc() { return SysExtXPCClient::sharedInstance(); }
 
+  lumo::testing::CaptureSink sink;
   lumo::testing::FakeClock clock;
   lumo::testing::ManualDispatch dispatch;
   lumo::testing::FakeEndpointSecurity es;
   lumo::testing::FakeConnector connector;
-  lumo::testing::CaptureSink sink;
   std::unique_ptr<ClientProxy> proxy;
 };
 
-TEST_F(ClientProxyTest, InitListsComponentsAndAppliesTheDefaultExclusionsToBothClients) {
+TEST_F(ClientProxyTest, InitAppliesTheDefaultExclusionsToBothClientsAndSwitchesNothingOn) {
   Texts names;
   for (ISysExtManagable* c : proxy->director().components()) names.push_back(c->getName());
   EXPECT_EQ(names, (Texts{"ClientDUP", "ClientShield", "ProcEventObserver", "FileEventObserver",
                           "PrinterEventObserver", "SelfProtectionObserver"}));
   EXPECT_EQ(es.clientCount(), 2u);
-  EXPECT_EQ(es.mutedPrefixes()[0], proxy->config().exclusions().pathPrefixes[0]);
-  EXPECT_EQ(sink.count("] Debug:  Going to mute path [" + es.mutedPrefixes()[0] + "]"), 2u);
-  // Registration alone subscribes nothing; policy does.
+  // Other vendors' security products are muted from the start.
+  const SysextExclusions defaults = proxy->config().exclusions();
+  EXPECT_EQ(defaults.pathPrefixes.back(), "/Applications/Bitdefender/");
+  EXPECT_EQ(defaults.bundleIds.back(), "com.crowdstrike.falcon.Agent");
+  EXPECT_EQ(es.mutedPrefixes()[0], defaults.pathPrefixes[0]);
+  EXPECT_EQ(sink.count("] Debug:  Going to mute path [" + defaults.pathPrefixes[0] + "]"), 2u);
+  EXPECT_EQ(modes(), (Modes{false, false, false}));
   EXPECT_TRUE(es.subscriptionCalls(0).empty());
 }
 
-TEST_F(ClientProxyTest, EachFeatureSwitchesTheObserversItNeeds) {
+TEST_F(ClientProxyTest, EachFeatureSwitchesTheObserversItNeedsAndMalformedPoliciesNothing) {
   const struct {
     bool dup, webcontrol, devicecontrol;
     Modes modes;
@@ -105,14 +118,11 @@ TEST_F(ClientProxyTest, EachFeatureSwitchesTheObserversItNeeds) {
     EXPECT_EQ(proxy->config().settings().devicecontrol, c.devicecontrol);
   }
   // Any non-zero number is on.
-  Dictionary numbers = policy(false, false, false);
+  Dictionary numbers = policy(false);
   numbers.entries[1].value = Number::ofInt(7);
   ASSERT_TRUE(apply(numbers));
   EXPECT_EQ(modes(), (Modes{true, true, true}));
-}
 
-TEST_F(ClientProxyTest, MalformedPolicyChangesNeitherSettingsNorModes) {
-  ASSERT_TRUE(apply(policy(true, false, false)));
   const size_t switches = es.subscriptionCalls(0).size();
   Dictionary noDeviceControl = policy(false, true, true);
   noDeviceControl.entries.pop_back();
@@ -122,42 +132,17 @@ TEST_F(ClientProxyTest, MalformedPolicyChangesNeitherSettingsNorModes) {
   EXPECT_FALSE(apply(textDup));
   EXPECT_FALSE(proxy->applySettings(nullptr));
   // The device-control line names the web-control state; that is how it reads.
-  EXPECT_TRUE(sink.contains("] Assert:  Assertion failed: [ webControlState]The setPolicy "
-                            "payload has no devicecontrolon key.\n"));
+  EXPECT_TRUE(
+      sink.contains("] Assert:  Assertion failed: [ webControlState]The setPolicy "
+                    "payload has no devicecontrolon key.\n"));
   EXPECT_TRUE(sink.contains("[ antitamperingState]The setPolicy payload has no antitamperingon"));
   EXPECT_TRUE(proxy->config().settings().dup);
   EXPECT_FALSE(proxy->config().settings().webcontrol);
   EXPECT_EQ(es.subscriptionCalls(0).size(), switches);
 }
 
-TEST_F(ClientProxyTest, RequestsReachTheirObserversAndCancelledOnesAreOnlyLogged) {
-  lumo::testing::CancelledContext cancelled;
-  sysext::AddMountPoint add;
-  add.set_volume("/Volumes/USB");
-  add.set_type(sysext::kRemovable);
-  EXPECT_TRUE(proxy->addMountPoint(&cancelled, &add, nullptr).ok());
-  EXPECT_TRUE(mounted("/Volumes/USB/report.doc"));
-  sysext::RemoveMountPoint remove;
-  remove.set_volume("/Volumes/USB");
-  EXPECT_TRUE(proxy->removeMountPoint(&cancelled, &remove, nullptr).ok());
-  EXPECT_FALSE(mounted("/Volumes/USB/report.doc"));
-  EXPECT_TRUE(proxy->addMountPoint(nullptr, &add, nullptr).ok());
-  EXPECT_TRUE(proxy->clearMountPoints(&cancelled, nullptr, nullptr).ok());
-  EXPECT_FALSE(mounted("/Volumes/USB/report.doc"));
-
-  sysext::PrinterVerdict verdict;
-  verdict.set_filename("/var/spool/cups/d00012-001");
-  verdict.set_verdict(true);
-  EXPECT_TRUE(proxy->setPrinterVerdict(&cancelled, &verdict, nullptr).ok());
-  EXPECT_EQ(component<PrinterEventObserver>("PrinterEventObserver")
-                ->getPrinterEventVerdict("/var/spool/cups/d00012-001"),
-            PrinterEventObserver::AuthResult::Allowed);
-  EXPECT_EQ(sink.count(" cancelled\n"), 4u);
-  EXPECT_TRUE(sink.contains("] Error: setPrinterVerdict cancelled\n"));
-}
-
 TEST_F(ClientProxyTest, StopReleasesEverythingButKeepsTheExclusions) {
-  ASSERT_TRUE(apply(policy(true, false, false)));
+  ASSERT_TRUE(apply(policy(true)));
   // False: both clients took them. The daemon link inverts it again.
   EXPECT_FALSE(proxy->applyExclusions({"/usr/local/bin/agent"}, {"/opt/backup/"}, {}));
   EXPECT_EQ(sink.count("] Debug:  Going to mute [/usr/local/bin/agent]"), 2u);
@@ -177,6 +162,247 @@ TEST_F(ClientProxyTest, StopReleasesEverythingButKeepsTheExclusions) {
   EXPECT_TRUE(proxy->addMountPoint(nullptr, &add, nullptr).ok());
   EXPECT_TRUE(sink.lines().empty());
   EXPECT_TRUE(proxy->start());
+}
+
+// What goes out; the dictionaries themselves are checked with the observers
+// that fill them.
+TEST(XPCSend, EventsGoToTheirDaemonMethodsOrAreDroppedWithoutConnection) {
+  lumo::testing::CaptureSink sink;
+  auto& xpc = SysExtXPCClient::sharedInstance();
+  sysext::FileEvent file;
+  file.set_filename1("/Users/jörg/日本/😀");
+  sysext::ProcEvent proc;
+  sysext::PrinterEvent printer;
+  {
+    lumo::testing::FakeDaemonLink link;
+    xpc.sendFileEvent(&file);
+    xpc.sendPrinterEvent(&printer);
+    xpc.sendProcessStartEvent(&proc);
+    xpc.sendProcessExitEvent(&proc);
+    Texts selectors;
+    for (const auto& r : link.daemon().received()) selectors.push_back(r.selector);
+    EXPECT_EQ(selectors, (Texts{"handleFileEvent:", "handlePrinterEvent:",
+                                "handleProcessStartEvent:", "handleProcessExitEvent:"}));
+    EXPECT_EQ(link.daemon().received()[0].event, *SysExtXPCClient::convertFileEventToDict(&file));
+  }
+  xpc.sendFileEvent(&file);
+  xpc.sendProcessExitEvent(&proc);
+  EXPECT_TRUE(sink.contains("[-[SysExtXPCClient sendFileEvent:] xpcclient.cpp@"));
+  EXPECT_TRUE(sink.contains("] Warn:  No connection. -[SysExtXPCClient sendFileEvent:]\n"));
+  EXPECT_TRUE(sink.contains("] Warn:  No connection. -[SysExtXPCClient sendProcessExitEvent:]\n"));
+}
+
+TEST(XPCSend, TextThatIsNotUtf8DropsTheEventWithItsAssertLines) {
+  lumo::testing::CaptureSink sink;
+  lumo::testing::FakeDaemonLink link;
+  auto& xpc = SysExtXPCClient::sharedInstance();
+  // Truncated, overlong, a surrogate, too high, a stray continuation byte.
+  for (const char* bad : {"\xc3", "\xe0\x80\xaf", "\xed\xa0\x80", "\xf4\x90\x80\x80", "a\x80"}) {
+    sysext::FileEvent file;
+    file.set_filename2(bad);
+    xpc.sendFileEvent(&file);
+  }
+  sysext::ProcEvent proc;
+  proc.set_cmd("bad \xc0\xaf");
+  sysext::PrinterEvent printer;
+  printer.set_filename("\xed\xa0\x80");
+  xpc.sendPrinterEvent(&printer);
+  xpc.sendProcessStartEvent(&proc);
+  xpc.sendProcessExitEvent(&proc);
+  EXPECT_EQ(link.daemon().count(), 0u);
+  const std::string assertion = "] Assert:  Assertion failed: [ ";
+  EXPECT_EQ(sink.count(assertion + "eventDict]Error converting event to dictionary.\n"), 7u);
+  EXPECT_EQ(sink.count(assertion + "eventDict]Error creating event dictionary.\n"), 1u);
+  EXPECT_EQ(sink.count(assertion + "0]Error creating event dictionary. Reason:"), 8u);
+}
+
+// One exclusion entry; an empty value leaves its key out.
+Value exclusion(const std::string& bundleId, const std::string& path, unsigned pathOp,
+                const std::string& prefix, unsigned prefixOp) {
+  const auto compared = [](const std::string& value, unsigned op) {
+    return Dictionary{{{"comp_value", value}, {"operator", Number::ofUnsignedInt(op)}}};
+  };
+  Dictionary app;
+  if (!bundleId.empty()) app.entries.push_back({"process_bundle_id", bundleId});
+  if (!path.empty()) app.entries.push_back({"process_path", compared(path, pathOp)});
+  if (!prefix.empty()) app.entries.push_back({"process_dir_path", compared(prefix, prefixOp)});
+  return Dictionary{{{"application_description", app}}};
+}
+
+// The shared link, started for the proxy, with the product installed under
+// a scratch root.
+class XPCLink : public ClientProxyTest {
+ protected:
+  XPCLink() {
+    tarvex::itx::rtnmac::setProductRoot(root.string());
+    install(true);
+    xpc().start(proxy.get());
+  }
+  ~XPCLink() override {
+    tarvex::itx::rtnmac::setProductRoot("");
+    fs::remove_all(root);
+  }
+
+  void install(bool installed) {
+    const fs::path app = tarvex::itx::rtnmac::underProductRoot(
+        tarvex::itx::rtnmac::productPaths().applicationBundle);
+    installed ? fs::create_directories(app) : fs::remove_all(app);
+  }
+  // Plays the daemon going away on the newest connection.
+  void dropConnection() {
+    auto& connection = *connector.opened.back().connection;
+    connection.interruption();
+    EXPECT_TRUE(connection.invalidated);
+    connection.invalidation();
+  }
+  std::function<void(bool)> collect() {
+    return [this](bool ok) { replies.push_back(ok); };
+  }
+
+  const fs::path root = fs::temp_directory_path() / ("lumo-xpclink-" + std::to_string(getpid()));
+  Replies replies;
+};
+
+TEST_F(XPCLink, StartRegistersWithThePrivilegedServiceOnce) {
+  ASSERT_EQ(connector.opened.size(), 1u);
+  const auto& opened = connector.opened[0];
+  EXPECT_EQ(opened.serviceName, "com.tarvex.lumo.protectiond.xpc");
+  EXPECT_EQ(opened.options, 4096u);
+  EXPECT_EQ(opened.connection->exported, &xpc());
+  EXPECT_TRUE(opened.connection->resumed);
+  EXPECT_TRUE(xpc().isXPCServiceListening());
+  xpc().start(proxy.get());
+  EXPECT_TRUE(
+      sink.contains("] Info:  XPC client start request rejected, it is already started.\n"));
+  EXPECT_EQ(connector.opened.size(), 1u);
+  sysext::PrinterEvent job;
+  xpc().sendPrinterEvent(&job);
+  EXPECT_EQ(opened.daemon->received("handlePrinterEvent:").size(), 1u);
+
+  // A daemon that answers NO leaves the link deaf, without retries.
+  xpc().stop();
+  connector.acceptRegistration = false;
+  xpc().start(proxy.get());
+  EXPECT_FALSE(xpc().isXPCServiceListening());
+  EXPECT_TRUE(dispatch.pendingTimers().empty());
+}
+
+TEST_F(XPCLink, ReconnectsOneSecondAfterEveryInvalidation) {
+  for (size_t cycle = 1; cycle <= 3; ++cycle) {
+    dropConnection();
+    EXPECT_FALSE(xpc().isXPCServiceListening());
+    sysext::FileEvent lost;
+    xpc().sendFileEvent(&lost);  // dropped while the link is down
+    EXPECT_EQ(connector.opened.back().daemon->count(), 0u);
+    clock.advance(1'000'000'000 - 1);
+    EXPECT_EQ(dispatch.fireDueTimers(), 0u);
+    clock.advance(1);
+    EXPECT_EQ(dispatch.fireDueTimers(), 1u);
+    dispatch.runQueued();
+    EXPECT_EQ(connector.opened.size(), cycle + 1);
+    EXPECT_TRUE(xpc().isXPCServiceListening());
+  }
+}
+
+TEST_F(XPCLink, NoReconnectionAfterStopOrWithoutTheProduct) {
+  auto first = connector.opened.back().connection;
+  xpc().stop();
+  EXPECT_TRUE(first->invalidated);
+  EXPECT_FALSE(xpc().isXPCServiceListening());
+  first->invalidation();
+  EXPECT_TRUE(sink.contains(
+      "] Info:  The XPC connection has been stopped. There will be no reconnection attempts.\n"));
+  EXPECT_TRUE(dispatch.pendingTimers().empty());
+
+  install(false);
+  xpc().start(proxy.get());
+  dropConnection();
+  EXPECT_TRUE(sink.contains("] Info:  Lumo is not installed. Extension in sleep mode."));
+  EXPECT_TRUE(dispatch.pendingTimers().empty());
+
+  // A reconnection already scheduled when the link stops does nothing.
+  install(true);
+  dropConnection();
+  xpc().stop();
+  clock.advance(1'000'000'000);
+  dispatch.fireDueTimers();
+  dispatch.runQueued();
+  EXPECT_TRUE(sink.contains("] Info:  The XPC connection has been stopped.\n"));
+  EXPECT_EQ(connector.opened.size(), 2u);
+}
+
+TEST_F(XPCLink, PolicyAndExclusionsObeyTheTimestampRule) {
+  const Dictionary on = policy(true);
+  xpc().setPolicy(&on, 0, collect());  // nothing stored yet is older than 0
+  EXPECT_TRUE(sink.contains("] Warn:  A setPolicy with older timestamp ! Not applied.\n"));
+  xpc().setPolicy(&on, 10, collect());
+  xpc().setPolicy(&on, 10, collect());
+  xpc().setPolicy(&on, 9, collect());
+  EXPECT_EQ(replies, Replies{true});
+  EXPECT_TRUE(proxy->config().settings().dup);
+
+  Dictionary broken = policy(false);
+  broken.entries.pop_back();
+  xpc().setPolicy(&broken, 11, collect());
+  EXPECT_TRUE(proxy->config().settings().dup);  // unchanged
+  xpc().setPolicy(nullptr, 12, collect());
+  EXPECT_TRUE(sink.contains("] Assert:  Assertion failed: [ policy]Missing argument.\n"));
+  EXPECT_EQ(replies, (Replies{true, false, false}));
+
+  const Array none;
+  xpc().setExclusions(&none, 0, collect());
+  EXPECT_TRUE(sink.contains("] Warn:  A setExclusions with older timestamp ! Not applied.\n"));
+  EXPECT_EQ(replies.size(), 3u);
+
+  // Timestamps outlive a stop; a stopped link answers NO.
+  xpc().stop();
+  xpc().setPolicy(&on, 12, collect());
+  EXPECT_EQ(replies.size(), 3u);
+  xpc().setPolicy(&on, 13, collect());
+  EXPECT_TRUE(sink.contains("] Assert:  Assertion failed: [ _clientProxy]Missing _clientProxy.\n"));
+  EXPECT_EQ(replies.back(), false);
+}
+
+TEST_F(XPCLink, ExclusionEntriesGiveOneKindOfMuteEach) {
+  Array list;
+  list.items.push_back(exclusion("com.vendor.agent", "", 0, "", 0));
+  list.items.push_back(exclusion("", "/opt/x/bin/x", 1, "/opt/x/", 1));
+  list.items.push_back(exclusion("", "/opt/y/bin/y", 2, "/opt/y/", 1));
+  list.items.push_back(exclusion("com.vendor.z", "/opt/z/bin/z", 1, "", 0));
+  list.items.push_back(Value("not a dictionary"));
+  xpc().setExclusions(&list, 1, collect());
+
+  EXPECT_EQ(replies, Replies{true});  // both clients took them
+  const auto stored = proxy->config().exclusions();
+  EXPECT_EQ(stored.processPaths, Texts{"/opt/z/bin/z"});
+  EXPECT_EQ(stored.pathPrefixes, Texts{"/opt/y/"});
+  EXPECT_EQ(stored.bundleIds, (Texts{"com.vendor.agent", "com.vendor.z"}));
+  EXPECT_EQ(sink.count("] Info:  Conflicting or empty settings of process to mute"), 2u);
+  EXPECT_TRUE(sink.contains("] Trace:  pathPrefix [(null)] operator [0]\n"));
+  EXPECT_TRUE(sink.contains("Exclusion entry is not a dictionary"));
+}
+
+TEST_F(XPCLink, MountPointsAndVerdictsReachTheObservers) {
+  const auto mounted = [&] {
+    bool found = false;
+    part<FileEventObserver>().getMountTypeFromFilePath("/media/usb/a", found);
+    return found;
+  };
+  const std::string usb = "/media/usb";
+  xpc().addMountPoint(&usb, 2);
+  EXPECT_TRUE(mounted());
+  xpc().removeMountPoint(nullptr);
+  EXPECT_TRUE(sink.contains("] Assert:  Assertion failed: [ volume]Missing argument.\n"));
+  xpc().removeMountPoint(&usb);
+  EXPECT_FALSE(mounted());
+  xpc().addMountPoint(&usb, 2);
+  xpc().clearMountPoints();
+  EXPECT_FALSE(mounted());
+  // The job's name is not passed on: the verdict lands under "".
+  const std::string job = "job-17";
+  xpc().setPrinter(&job, true);
+  EXPECT_EQ(part<PrinterEventObserver>().getPrinterEventVerdict(""),
+            PrinterEventObserver::AuthResult::Allowed);
 }
 
 }  // namespace

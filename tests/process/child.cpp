@@ -21,7 +21,6 @@ Child::Child(const Options& options) {
     dup2(out, STDOUT_FILENO);
     dup2(out, STDERR_FILENO);
     for (const std::string& kv : options.env) putenv(const_cast<char*>(kv.c_str()));
-    if (options.uid != 0 && (setgid(options.uid) != 0 || setuid(options.uid) != 0)) _exit(126);
     std::vector<char*> argv;
     for (const std::string& a : options.argv) argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
@@ -52,33 +51,25 @@ void Child::kill() {
   pid_ = -1;
 }
 
-bool Child::running() {
-  if (pid_ <= 0) return false;
-  return waitpid(pid_, nullptr, WNOHANG) == 0;
-}
-
-std::string readFile(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
+bool Child::running() { return pid_ > 0 && waitpid(pid_, nullptr, WNOHANG) == 0; }
 
 size_t countIn(const std::string& path, const std::string& text) {
-  const std::string all = readFile(path);
+  std::stringstream all;
+  all << std::ifstream(path).rdbuf();
+  const std::string s = all.str();
   size_t count = 0;
-  for (size_t at = all.find(text); at != std::string::npos; at = all.find(text, at + 1)) ++count;
+  for (size_t at = s.find(text); at != std::string::npos; at = s.find(text, at + 1)) ++count;
   return count;
 }
 
 bool waitFor(const std::string& path, const std::string& text, size_t times,
              std::chrono::milliseconds timeout) {
   const auto until = std::chrono::steady_clock::now() + timeout;
-  while (std::chrono::steady_clock::now() < until) {
-    if (countIn(path, text) >= times) return true;
+  while (countIn(path, text) < times) {
+    if (std::chrono::steady_clock::now() >= until) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
-  return false;
+  return true;
 }
 
 }  // namespace lumo::testing

@@ -9,14 +9,13 @@
 namespace lumo::testing {
 
 // A program run by a process test: stdout and stderr go to a file the test
-// reads, stdin is a pipe the test may write to.
+// reads, stdin is a pipe the test may write to. Killed when it goes.
 class Child {
  public:
   struct Options {
     std::vector<std::string> argv;
     std::vector<std::string> env;  // added to the test's environment
     std::string outputPath;
-    uid_t uid = 0;  // switched to before exec when not 0
   };
 
   explicit Child(const Options& options);
@@ -24,7 +23,6 @@ class Child {
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
 
-  pid_t pid() const { return pid_; }
   void write(const std::string& text);
   void signal(int sig);
   // Kills (SIGKILL) and reaps.
@@ -36,10 +34,9 @@ class Child {
   int stdin_ = -1;
 };
 
-// Reads a child's output file.
-std::string readFile(const std::string& path);
+// How often `text` occurs in a file; waitFor waits until it occurs at least
+// `times` times.
 size_t countIn(const std::string& path, const std::string& text);
-// Waits until `text` occurs at least `times` times in the file.
 bool waitFor(const std::string& path, const std::string& text, size_t times = 1,
              std::chrono::milliseconds timeout = std::chrono::seconds(15));
 

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <future>
 
 namespace lumo::testing {
 
@@ -12,12 +13,10 @@ namespace fs = std::filesystem;
 using tarvex::itx::xpc::Dictionary;
 using tarvex::itx::xpc::Number;
 using tarvex::itx::xpc::linux_platform::DaemonConnection;
-using tarvex::itx::xpc::linux_platform::UnixSocketListener;
 
-InProcessDaemon::InProcessDaemon(const std::string& runtimeDir, bool acceptRegistration)
-    : daemon_(std::make_shared<FakeDaemon>()) {
+InProcessDaemon::InProcessDaemon(const std::string& runtimeDir, bool acceptRegistration) {
   daemon_->acceptRegistration = acceptRegistration;
-  listener_ = std::make_unique<UnixSocketListener>(
+  listener_ = std::make_unique<tarvex::itx::xpc::linux_platform::UnixSocketListener>(
       SysExtXPCClient::kServiceName, tarvex::itx::xpc::IXPCConnector::kPrivileged, runtimeDir);
   listener_->start([this](std::shared_ptr<DaemonConnection> connection) {
     connection->setExportedObject(daemon_.get());
@@ -38,10 +37,16 @@ InProcessDaemon::~InProcessDaemon() {
 
 std::shared_ptr<tarvex::itx::xpc::SysextXPCInterface> InProcessDaemon::waitForExtension(size_t n) {
   std::unique_lock<std::mutex> lock(mutex_);
-  if (!accepted_.wait_for(lock, std::chrono::seconds(15), [&] { return remotes_.size() >= n; })) {
-    return nullptr;
-  }
-  return remotes_[n - 1];
+  const bool came =
+      accepted_.wait_for(lock, std::chrono::seconds(15), [&] { return remotes_.size() >= n; });
+  return came ? remotes_[n - 1] : nullptr;
+}
+
+Dictionary policyDict(bool dup, bool web, bool device) {
+  return {{{"antitamperingon", Number::ofBool(false)},
+           {"dupon", Number::ofBool(dup)},
+           {"webcontrolon", Number::ofBool(web)},
+           {"devicecontrolon", Number::ofBool(device)}}};
 }
 
 void ExtensionProcess::SetUp() {
@@ -69,11 +74,11 @@ void ExtensionProcess::TearDown() {
 }
 
 void ExtensionProcess::startExtension() {
-  extension = std::make_unique<Child>(Child::Options{
-      {LUMO_ES_SCRIPTED_PATH},
-      {"LUMO_LOG_STDERR=1", "LUMO_LOG_DEBUG=1", "LUMO_PRODUCT_ROOT=" + productRoot,
-       "LUMO_RUNTIME_DIR=" + runtimeDir, "LUMO_SCRIPT_FIFO=" + fifoPath},
-      logPath});
+  extension = std::make_unique<Child>(
+      Child::Options{{LUMO_ES_SCRIPTED_PATH},
+                     {"LUMO_LOG_STDERR=1", "LUMO_LOG_DEBUG=1", "LUMO_PRODUCT_ROOT=" + productRoot,
+                      "LUMO_RUNTIME_DIR=" + runtimeDir, "LUMO_SCRIPT_FIFO=" + fifoPath},
+                     logPath});
 }
 
 void ExtensionProcess::event(const std::string& line) {
@@ -84,13 +89,32 @@ void ExtensionProcess::event(const std::string& line) {
   close(fd);
 }
 
-Dictionary policyDict(bool dup, bool web, bool device) {
-  Dictionary d;
-  d.entries.push_back({"antitamperingon", Number::ofBool(false)});
-  d.entries.push_back({"dupon", Number::ofBool(dup)});
-  d.entries.push_back({"webcontrolon", Number::ofBool(web)});
-  d.entries.push_back({"devicecontrolon", Number::ofBool(device)});
-  return d;
+namespace {
+
+// The reply's state is shared with the block, which may come after the
+// test is done.
+std::optional<bool> awaitReply(const std::function<void(tarvex::itx::xpc::ReplyBlock)>& send,
+                               std::chrono::milliseconds patience) {
+  auto reply = std::make_shared<std::promise<bool>>();
+  std::future<bool> replied = reply->get_future();
+  send([reply](bool value) { reply->set_value(value); });
+  if (replied.wait_for(patience) != std::future_status::ready) return std::nullopt;
+  return replied.get();
+}
+
+}  // namespace
+
+std::optional<bool> ExtensionProcess::push(tarvex::itx::xpc::SysextXPCInterface& extension,
+                                           uint64_t timestamp, const Dictionary& policy,
+                                           std::chrono::milliseconds patience) {
+  return awaitReply([&](auto reply) { extension.setPolicy(&policy, timestamp, reply); }, patience);
+}
+
+std::optional<bool> ExtensionProcess::push(tarvex::itx::xpc::SysextXPCInterface& extension,
+                                           uint64_t timestamp,
+                                           const tarvex::itx::xpc::Array& exclusions) {
+  return awaitReply([&](auto reply) { extension.setExclusions(&exclusions, timestamp, reply); },
+                    std::chrono::seconds(10));
 }
 
 }  // namespace lumo::testing

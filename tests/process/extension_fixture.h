@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -26,13 +27,15 @@ class InProcessDaemon {
   FakeDaemon& events() { return *daemon_; }
 
  private:
-  std::shared_ptr<FakeDaemon> daemon_;
+  std::shared_ptr<FakeDaemon> daemon_ = std::make_shared<FakeDaemon>();
   std::unique_ptr<tarvex::itx::xpc::linux_platform::UnixSocketListener> listener_;
   std::mutex mutex_;
   std::condition_variable accepted_;
   std::vector<std::shared_ptr<tarvex::itx::xpc::linux_platform::DaemonConnection>> connections_;
   std::vector<std::shared_ptr<tarvex::itx::xpc::SysextXPCInterface>> remotes_;
 };
+
+tarvex::itx::xpc::Dictionary policyDict(bool dup, bool web, bool device);
 
 // One scratch installation for the extension's test build: product root
 // with the application present, runtime dir for the socket, event FIFO.
@@ -47,7 +50,13 @@ class ExtensionProcess : public ::testing::Test {
   bool extensionLogs(const std::string& text, size_t times = 1) {
     return waitFor(logPath, text, times);
   }
-  size_t extensionCount(const std::string& text) { return countIn(logPath, text); }
+  // Sends a policy or exclusions and waits for the reply; nullopt when none
+  // comes within `patience`.
+  static std::optional<bool> push(tarvex::itx::xpc::SysextXPCInterface& extension,
+                                  uint64_t timestamp, const tarvex::itx::xpc::Dictionary& policy,
+                                  std::chrono::milliseconds patience = std::chrono::seconds(10));
+  static std::optional<bool> push(tarvex::itx::xpc::SysextXPCInterface& extension,
+                                  uint64_t timestamp, const tarvex::itx::xpc::Array& exclusions);
 
   std::string dir;
   std::string runtimeDir;
@@ -56,7 +65,5 @@ class ExtensionProcess : public ::testing::Test {
   std::string logPath;
   std::unique_ptr<Child> extension;
 };
-
-tarvex::itx::xpc::Dictionary policyDict(bool dup, bool web, bool device);
 
 }  // namespace lumo::testing

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -15,21 +16,41 @@ struct LogLine {
   std::string text;
 };
 
-// Collects every rendered line while installed; debug levels are on.
+// Collects every rendered line while installed; debug levels are on unless
+// told otherwise.
 class CaptureSink : public tarvex::itx::log::ILogSink {
  public:
-  explicit CaptureSink(bool debug = true);
-  ~CaptureSink() override;
+  explicit CaptureSink(bool debug = true) {
+    tarvex::itx::log::setDebugEnabled(debug);
+    tarvex::itx::log::setSink(this);
+  }
+  ~CaptureSink() override {
+    tarvex::itx::log::setSink(nullptr);
+    tarvex::itx::log::setDebugEnabled(false);
+  }
 
   void write(const tarvex::itx::log::LogObject& log, tarvex::itx::log::LogType type,
-             std::string_view line) override;
+             std::string_view line) override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    lines_.push_back({log.subsystem, log.category, type, std::string(line)});
+  }
 
-  std::vector<LogLine> lines() const;
+  std::vector<LogLine> lines() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return lines_;
+  }
   // Lines whose text contains `part`.
-  std::vector<LogLine> matching(const std::string& part) const;
+  std::vector<LogLine> matching(const std::string& part) const {
+    std::vector<LogLine> found = lines();
+    std::erase_if(found, [&](const LogLine& l) { return l.text.find(part) == std::string::npos; });
+    return found;
+  }
   size_t count(const std::string& part) const { return matching(part).size(); }
   bool contains(const std::string& part) const { return count(part) != 0; }
-  void clear();
+  void clear() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    lines_.clear();
+  }
 
  private:
   mutable std::mutex mutex_;

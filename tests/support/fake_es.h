@@ -4,7 +4,9 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <string>
@@ -21,50 +23,72 @@ class FakeEndpointSecurity : public endpointsecurity::IEndpointSecurityApi {
  public:
   enum class Call {
     NewClient, DeleteClient, ClearCache, Subscribe, Unsubscribe, RespondAuth, RespondFlags,
-    MuteProcess, UnmuteProcess, MutedProcesses, MutePathPrefix, MutePathLiteral, UnmuteAllPaths,
+    MuteProcess, UnmuteProcess, MutedProcesses, MutePathPrefix, MutePathLiteral, UnmuteAllPaths
   };
-
   struct Answer {
     es_result_type_t type;
     es_auth_result_t result;  // for AUTH answers
     uint32_t flags;           // for FLAGS answers
     bool cache;
   };
-
   struct SubscriptionCall {
     bool subscribe;
     std::vector<es_event_type_t> events;
   };
 
-  FakeEndpointSecurity();
   // Fails the test for every delivered message still retained.
   ~FakeEndpointSecurity() override;
 
-  // Test controls.
-  void failCall(Call call, bool fail = true);
-  void setNewClientResult(es_new_client_result_t result, bool returnHandle = true);
+  void failCall(Call call, bool fail = true) {
+    locked([&] { fail ? void(failing_.insert(call)) : void(failing_.erase(call)); });
+  }
+  void setNewClientResult(es_new_client_result_t result, bool returnHandle = true) {
+    locked([&] { newClientResult_ = result, newClientHandle_ = returnHandle; });
+  }
   // Delivers on the calling thread, which plays the facility's delivery
   // thread: the message is retained by the facility for the handler's run.
   void deliver(const es_message_t* message, size_t clientIndex = 0);
-  // Waits until the message has n answers; false on time-out.
-  bool waitForAnswers(const es_message_t* message, size_t n,
-                      std::chrono::milliseconds timeout = std::chrono::seconds(10));
-  // Waits until no delivered message is retained any more.
-  bool waitForReleased(std::chrono::milliseconds timeout = std::chrono::seconds(10));
+  // Wait until the message has n answers, or until no delivered message is
+  // retained any more; false on time-out.
+  bool waitForAnswers(const es_message_t* message, size_t n);
+  bool waitForReleased();
 
-  // Records.
-  std::vector<Answer> answers(const es_message_t* message) const;
-  std::set<es_event_type_t> subscriptions(size_t clientIndex = 0) const;
-  std::vector<SubscriptionCall> subscriptionCalls(size_t clientIndex = 0) const;
-  std::vector<std::string> mutedPrefixes() const;
-  std::vector<std::string> mutedLiterals() const;
-  std::vector<audit_token_t> mutedProcessTokens() const;
-  size_t callCount(Call call) const;
-  size_t clientCount() const;
-  bool clientDeleted(size_t clientIndex = 0) const;
-  int retainCount(const es_message_t* message) const;
+  std::vector<Answer> answers(const es_message_t* m) const {
+    return locked([&] { return answers_.count(m) ? answers_.at(m) : std::vector<Answer>{}; });
+  }
+  int retainCount(const es_message_t* m) const {
+    return locked([&] { return refs_.count(m) ? refs_.at(m) : 0; });
+  }
+  std::set<es_event_type_t> subscriptions(size_t client = 0) const {
+    return locked([&] {
+      return client < clients_.size() ? clients_[client]->subscribed : std::set<es_event_type_t>{};
+    });
+  }
+  std::vector<SubscriptionCall> subscriptionCalls(size_t client = 0) const {
+    return locked([&] { return clients_.at(client)->calls; });
+  }
+  bool clientDeleted(size_t client = 0) const {
+    return locked([&] { return client < clients_.size() && clients_[client]->deleted; });
+  }
+  size_t clientCount() const {
+    return locked([&] { return clients_.size(); });
+  }
+  size_t callCount(Call call) const {
+    return locked([&] { return calls_.count(call) ? calls_.at(call) : 0; });
+  }
+  std::vector<std::string> mutedPrefixes() const {
+    return locked([&] { return mutedPrefixes_; });
+  }
+  std::vector<std::string> mutedLiterals() const {
+    return locked([&] { return mutedLiterals_; });
+  }
+  std::vector<audit_token_t> mutedProcessTokens() const {
+    return locked([&] { return mutedProcesses_; });
+  }
   // Preloads the facility's list of muted processes.
-  void addMutedProcess(const audit_token_t& token);
+  void addMutedProcess(const audit_token_t& token) {
+    locked([&] { mutedProcesses_.push_back(token); });
+  }
 
   // IEndpointSecurityApi
   es_new_client_result_t newClient(es_client_t** client,
@@ -83,9 +107,8 @@ class FakeEndpointSecurity : public endpointsecurity::IEndpointSecurityApi {
   void releaseMessage(const es_message_t* message) override;
   es_return_t muteProcess(es_client_t* client, const audit_token_t* token) override;
   es_return_t unmuteProcess(es_client_t* client, const audit_token_t* token) override;
-  es_return_t mutedProcesses(es_client_t* client, size_t* count,
-                             audit_token_t** tokens) override;
-  void releaseMutedProcesses(audit_token_t* tokens, size_t count) override;
+  es_return_t mutedProcesses(es_client_t* client, size_t* count, audit_token_t** tokens) override;
+  void releaseMutedProcesses(audit_token_t* tokens, size_t) override { delete[] tokens; }
   es_return_t mutePathPrefix(es_client_t* client, const char* prefix) override;
   es_return_t mutePathLiteral(es_client_t* client, const char* path) override;
   es_return_t unmuteAllPaths(es_client_t* client) override;
@@ -100,9 +123,18 @@ class FakeEndpointSecurity : public endpointsecurity::IEndpointSecurityApi {
     bool deleted = false;
   };
 
-  bool shouldFail(Call call);
-  ClientState* stateOf(es_client_t* client);
-  void record(const es_message_t* message, const Answer& answer);
+  template <typename F>
+  auto locked(F f) const -> decltype(f()) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return f();
+  }
+  // Counts the call and runs `change` on the client's state unless the test
+  // made the call fail or the handle is unknown; true when it ran.
+  template <typename F>
+  bool act(Call call, es_client_t* client, F change);
+  bool waitUntil(const std::function<bool()>& done);
+  es_respond_result_t respond(Call call, es_client_t* client, const es_message_t* message,
+                              const Answer& answer);
 
   mutable std::mutex mutex_;
   std::condition_variable changed_;
