@@ -1,8 +1,8 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -11,44 +11,60 @@
 
 namespace lumo::apple_testing {
 
-// Stands in for the core's link object behind the exported object: records
-// each call with what arrived (nullopt for a null pointer) and answers
-// reply blocks with `answer`.
+// A value as text: strings quoted, numbers with their kind's letter,
+// dictionaries sorted by key (Foundation hands them over in hash order).
+inline std::string text(const tarvex::itx::xpc::Value& value) {
+  if (const std::string* s = value.string()) return "'" + *s + "'";
+  if (const auto* n = value.number()) {
+    const char* kinds[] = {"i", "u", "ll", "ull", "b"};
+    return kinds[static_cast<int>(n->kind)] + std::to_string(n->bits);
+  }
+  std::string out;
+  if (const auto* d = value.dictionary()) {
+    auto entries = d->entries;
+    std::sort(entries.begin(), entries.end(), [](auto& a, auto& b) { return a.key < b.key; });
+    for (const auto& e : entries) out += e.key + "=" + text(e.value) + ";";
+    return "{" + out + "}";
+  }
+  if (const auto* a = value.array()) {
+    for (const auto& item : a->items) out += text(item) + ",";
+    return "[" + out + "]";
+  }
+  return "nil";
+}
+
+// Stands in for the core's link object behind the exported object: logs
+// each call with what arrived (nil for a null pointer) and answers reply
+// blocks with `answer`.
 class RecordingTarget : public tarvex::itx::xpc::SysextXPCInterface {
  public:
-  using Value = tarvex::itx::xpc::Value;
-
-  struct Call {
-    std::string selector;
-    std::optional<std::string> text;  // volume or printer
-    uint64_t number = 0;              // mount type, timestamp or verdict
-    std::optional<Value> value;       // policy or exclusions
-  };
+  template <typename T>
+  static std::string text(const T* value) {
+    return value != nullptr ? apple_testing::text(*value) : "nil";
+  }
 
   void addMountPoint(const std::string* volume, uint64_t mountType) override {
-    record({"addMountPoint:mountType:", copy(volume), mountType, std::nullopt});
+    record("addMountPoint " + text(volume) + " " + std::to_string(mountType));
   }
   void removeMountPoint(const std::string* volume) override {
-    record({"removeMountPoint:", copy(volume), 0, std::nullopt});
+    record("removeMountPoint " + text(volume));
   }
-  void clearMountPoints() override { record({"clearMountPoints", std::nullopt, 0, std::nullopt}); }
+  void clearMountPoints() override { record("clearMountPoints"); }
   void setPolicy(const tarvex::itx::xpc::Dictionary* policy, uint64_t timestamp,
                  tarvex::itx::xpc::ReplyBlock reply) override {
-    record({"setPolicy:withTimestamp:andCompletionHandler:", std::nullopt, timestamp,
-            policy != nullptr ? std::optional<Value>(*policy) : std::nullopt});
+    record("setPolicy " + text(policy) + " " + std::to_string(timestamp));
     if (reply) reply(answer);
   }
   void setExclusions(const tarvex::itx::xpc::Array* exclusions, uint64_t timestamp,
                      tarvex::itx::xpc::ReplyBlock reply) override {
-    record({"setExclusions:withTimestamp:andCompletionHandler:", std::nullopt, timestamp,
-            exclusions != nullptr ? std::optional<Value>(*exclusions) : std::nullopt});
+    record("setExclusions " + text(exclusions) + " " + std::to_string(timestamp));
     if (reply) reply(answer);
   }
   void setPrinter(const std::string* printer, bool verdict) override {
-    record({"setPrinter:verdict:", copy(printer), verdict ? 1u : 0u, std::nullopt});
+    record("setPrinter " + text(printer) + (verdict ? " YES" : " NO"));
   }
 
-  std::vector<Call> calls() const {
+  std::vector<std::string> calls() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return calls_;
   }
@@ -58,10 +74,7 @@ class RecordingTarget : public tarvex::itx::xpc::SysextXPCInterface {
   bool answer = true;
 
  private:
-  static std::optional<std::string> copy(const std::string* text) {
-    return text != nullptr ? std::optional<std::string>(*text) : std::nullopt;
-  }
-  void record(Call call) {
+  void record(std::string call) {
     {
       std::lock_guard<std::mutex> lock(mutex_);
       calls_.push_back(std::move(call));
@@ -70,7 +83,7 @@ class RecordingTarget : public tarvex::itx::xpc::SysextXPCInterface {
   }
 
   mutable std::mutex mutex_;
-  std::vector<Call> calls_;
+  std::vector<std::string> calls_;
   Signal arrived_;
 };
 
