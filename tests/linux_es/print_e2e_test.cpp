@@ -1,12 +1,13 @@
-// A print job through Debian's CUPS to a PDF queue: the printer observer
-// sees the submitter's socket connect, the spool file and the filters.
+// Printing on the real kernel: a job through Debian's CUPS to a PDF queue is
+// reported once with its submitter and its filters are held; the printer
+// observer holds and denies print filters through AUTH_EXEC while every
+// other exec gets its answer.
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstring>
-
 #include <filesystem>
 #include <fstream>
 #include <thread>
@@ -17,9 +18,12 @@ namespace {
 
 namespace fs = std::filesystem;
 using lumo::testing::RealExtension;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
 
+constexpr const char* kFilter = "/usr/lib/cups/filter/gziptoany";
+constexpr const char* kSpool = "/var/spool/cups";
 constexpr const char* kQueue = "LumoE2E";
-constexpr const char* kSchedulerSocket = "/run/cups/cups.sock";
 
 // A scheduler that died leaves its socket behind: only a connect tells.
 bool schedulerRunning() {
@@ -27,27 +31,10 @@ bool schedulerRunning() {
   if (fd < 0) return false;
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  std::strncpy(address.sun_path, kSchedulerSocket, sizeof address.sun_path - 1);
+  std::strncpy(address.sun_path, "/run/cups/cups.sock", sizeof address.sun_path - 1);
   const bool up = connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
   close(fd);
   return up;
-}
-
-int runQuietly(const std::vector<std::string>& argv, pid_t* pidOut = nullptr) {
-  std::vector<char*> args;
-  for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-  args.push_back(nullptr);
-  const pid_t pid = fork();
-  if (pid == 0) {
-    freopen("/dev/null", "w", stdout);
-    freopen("/dev/null", "w", stderr);
-    execv(args[0], args.data());
-    _exit(127);
-  }
-  if (pidOut) *pidOut = pid;
-  int status = 0;
-  waitpid(pid, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 class Printing : public RealExtension {
@@ -55,41 +42,94 @@ class Printing : public RealExtension {
   void SetUp() override {
     RealExtension::SetUp();
     if (IsSkipped()) return;
-    if (!fs::exists("/usr/sbin/cupsd") || !fs::exists("/usr/bin/lp") ||
-        !fs::exists("/usr/lib/cups/backend/cups-pdf")) {
-      GTEST_SKIP() << "needs cups, cups-client and printer-driver-cups-pdf (scripts/deps.sh run)";
-    }
-    if (!schedulerRunning()) runQuietly({"/usr/sbin/cupsd"});
-    for (int i = 0; i < 50 && !schedulerRunning(); ++i) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
-    if (runQuietly({"/usr/sbin/lpadmin", "-p", kQueue, "-E", "-v", "cups-pdf:/", "-m",
-                    "lsb/usr/cups-pdf/CUPS-PDF_opt.ppd"}) != 0) {
-      GTEST_SKIP() << "can't set up a CUPS PDF queue";
+    if (!fs::exists(kFilter) || !fs::is_directory(std::string(kSpool) + "/tmp")) {
+      GTEST_SKIP() << "needs Debian's cups (scripts/deps.sh run)";
     }
   }
+  void TearDown() override {
+    for (const auto& f : made) fs::remove(f);
+    RealExtension::TearDown();
+  }
+  // A job data file moved into the spool the way the scheduler does it.
+  std::string spoolDataFile(int n) {
+    const std::string staged = std::string(kSpool) + "/tmp/lumo-e2e-" + std::to_string(n);
+    const std::string data =
+        std::string(kSpool) + "/d9" + std::to_string(getpid() % 10000) + std::to_string(n) + "-001";
+    std::ofstream(staged) << "%!PS\n";
+    fs::rename(staged, data);
+    made.push_back(data);
+    return data;
+  }
+  static std::vector<std::string> filterCall(const std::string& data) {
+    return {kFilter, "7", "root", "title", "1", "", data};
+  }
+  std::vector<std::string> made;
 };
 
 TEST_F(Printing, AJobIsReportedOnceWithItsSubmitterAndItsFiltersAreHeld) {
-  startWithPolicy(true, false, false, {"LUMO_LOG_DEBUG=1"});
+  if (!fs::exists("/usr/sbin/cupsd") || !fs::exists("/usr/bin/lp") ||
+      !fs::exists("/usr/lib/cups/backend/cups-pdf")) {
+    GTEST_SKIP() << "needs cups, cups-client and printer-driver-cups-pdf (scripts/deps.sh run)";
+  }
+  if (!schedulerRunning()) run({"/usr/sbin/cupsd"});
+  for (int i = 0; i < 50 && !schedulerRunning(); ++i)
+    std::this_thread::sleep_for(milliseconds(100));
+  if (run({"/usr/sbin/lpadmin", "-p", kQueue, "-E", "-v", "cups-pdf:/", "-m",
+           "lsb/usr/cups-pdf/CUPS-PDF_opt.ppd"}) != 0) {
+    GTEST_SKIP() << "can't set up a CUPS PDF queue";
+  }
+  start({"LUMO_LOG_DEBUG=1"});
   const std::string doc = dir + "/page.txt";
-  { std::ofstream(doc) << "Lumo print test\n"; }
+  std::ofstream(doc) << "Lumo print test\n";
   pid_t lp = 0;
-  ASSERT_EQ(runQuietly({"/usr/bin/lp", "-d", kQueue, doc}, &lp), 0);
+  ASSERT_EQ(run({"/usr/bin/lp", "-d", kQueue, doc}, &lp), 0);
 
-  auto job = waitEvent("handlePrinterEvent:", [&](const Received& r) {
-    return number(r, "pid") == (uint64_t)lp;
-  });
+  auto job = waitEvent("handlePrinterEvent:",
+                       [&](const Received& r) { return number(r, "pid") == (uint64_t)lp; });
   ASSERT_TRUE(job) << "no printer record for lp (pid " << lp << ")";
   const std::string data = text(*job, "filename");
   EXPECT_EQ(data.rfind("/var/spool/cups/d", 0), 0u) << data;
   // A filter reads the data file after the observer looked at it.
-  EXPECT_TRUE(lumo::testing::waitFor(logPath, "access to data file: " + data, 1, std::chrono::seconds(30)));
+  EXPECT_TRUE(
+      lumo::testing::waitFor(logPath, "access to data file: " + data, 1, std::chrono::seconds(30)));
   std::this_thread::sleep_for(std::chrono::seconds(2));
-  EXPECT_EQ(events("handlePrinterEvent:", [&](const Received& r) {
-              return text(r, "filename") == data;
-            }).size(),
-            1u);
+  EXPECT_EQ(
+      events("handlePrinterEvent:", [&](const Received& r) { return text(r, "filename") == data; })
+          .size(),
+      1u);
+}
+
+TEST_F(Printing, FiltersAreHeldOrDeniedWhileEveryOtherExecIsAnswered) {
+  start();
+  const std::string data = spoolDataFile(1);
+  ASSERT_TRUE(waitEvent("handlePrinterEvent:", [&](const Received& r) {
+    return text(r, "filename") == data;
+  })) << "the job was not reported";
+  // The pending job's filter is held: six waits of 200 ms, then the
+  // client's default answer. Meanwhile other execs are answered at once.
+  int heldStatus = -1;
+  steady_clock::duration held{};
+  std::thread filter([&] {
+    const auto start = steady_clock::now();
+    heldStatus = run(filterCall(data));
+    held = steady_clock::now() - start;
+  });
+  const auto start = steady_clock::now();
+  int refused = 0;
+  for (int i = 0; i < 300; ++i) refused += run({"/bin/true"}) != 0;
+  EXPECT_EQ(refused, 0);
+  EXPECT_LT(steady_clock::now() - start, std::chrono::seconds(30));
+  filter.join();
+  EXPECT_EQ(heldStatus, 0);
+  EXPECT_GE(held, milliseconds(1100));
+  EXPECT_LT(held, milliseconds(2900));
+
+  // A filter for a data file never reported is denied; anything else runs.
+  const std::string never = std::string(kSpool) + "/d99999-999";
+  EXPECT_EQ(run(filterCall(never)), 126);
+  EXPECT_EQ(run({"/bin/true", never}), 0);
+  EXPECT_EQ(lumo::testing::countIn(logPath, "was not answered by its deadline"), 0u);
+  EXPECT_EQ(lumo::testing::countIn(logPath, "Auth deadline is reached"), 0u);
 }
 
 }  // namespace

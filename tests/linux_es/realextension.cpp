@@ -3,9 +3,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <condition_variable>
 #include <filesystem>
-#include <mutex>
+#include <future>
 #include <thread>
 
 namespace lumo::testing {
@@ -40,8 +39,7 @@ void RealExtension::TearDown() {
   if (HasFailure()) std::fprintf(stderr, "extension log kept in %s\n", logPath.c_str());
 }
 
-void RealExtension::startWithPolicy(bool dup, bool web, bool device,
-                                    std::vector<std::string> env) {
+void RealExtension::start(std::vector<std::string> env) {
   daemon = std::make_unique<InProcessDaemon>(runtimeDir);
   env.insert(env.end(), {"LUMO_LOG_STDERR=1", "LUMO_PRODUCT_ROOT=" + productRoot,
                          "LUMO_RUNTIME_DIR=" + runtimeDir});
@@ -49,55 +47,41 @@ void RealExtension::startWithPolicy(bool dup, bool web, bool device,
   extensionSide = daemon->waitForExtension();
   ASSERT_TRUE(extensionSide) << "lumo-es did not connect";
   ASSERT_TRUE(extensionLogs("Registration success."));
-  std::mutex mutex;
-  std::condition_variable done;
-  bool replied = false, value = false;
-  const Dictionary policy = policyDict(dup, web, device);
-  extensionSide->setPolicy(&policy, ++stamp, [&](bool v) {
-    std::lock_guard<std::mutex> lock(mutex);
-    replied = true;
-    value = v;
-    done.notify_all();
-  });
-  std::unique_lock<std::mutex> lock(mutex);
-  ASSERT_TRUE(done.wait_for(lock, std::chrono::seconds(15), [&] { return replied; }));
-  ASSERT_TRUE(value);
+  const Dictionary policy = policyDict(true, false, false);
+  auto accepted = std::make_shared<std::promise<bool>>();
+  extensionSide->setPolicy(&policy, ++stamp, [accepted](bool yes) { accepted->set_value(yes); });
+  auto answer = accepted->get_future();
+  ASSERT_EQ(answer.wait_for(std::chrono::seconds(15)), std::future_status::ready);
+  ASSERT_TRUE(answer.get());
 }
 
 void RealExtension::exclude(const std::vector<std::pair<std::string, std::string>>& kindAndPath) {
   Array payload;
   for (const auto& [kind, path] : kindAndPath) {
-    Dictionary description;
-    description.entries.push_back(
-        {kind, Value(Dictionary{{{"comp_value", Value(path)},
-                                 {"operator", Value(Number::ofUnsignedInt(1))}}})});
-    payload.items.push_back(
-        Value(Dictionary{{{"application_description", Value(std::move(description))}}}));
+    const Dictionary match{{{"comp_value", Value(path)}, {"operator", Number::ofUnsignedInt(1)}}};
+    payload.items.push_back(Value(
+        Dictionary{{{"application_description", Value(Dictionary{{{kind, Value(match)}}})}}}));
   }
-  std::mutex mutex;
-  std::condition_variable done;
-  bool replied = false;
-  extensionSide->setExclusions(&payload, ++stamp, [&](bool) {
-    std::lock_guard<std::mutex> lock(mutex);
-    replied = true;
-    done.notify_all();
-  });
-  std::unique_lock<std::mutex> lock(mutex);
-  ASSERT_TRUE(done.wait_for(lock, std::chrono::seconds(15), [&] { return replied; }));
+  auto replied = std::make_shared<std::promise<void>>();
+  extensionSide->setExclusions(&payload, ++stamp, [replied](bool) { replied->set_value(); });
+  ASSERT_EQ(replied->get_future().wait_for(std::chrono::seconds(15)), std::future_status::ready);
 }
 
-pid_t RealExtension::run(const std::vector<std::string>& argv) {
+int RealExtension::run(const std::vector<std::string>& argv, pid_t* pid) {
   std::vector<char*> args;
   for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
   args.push_back(nullptr);
-  const pid_t pid = fork();
-  if (pid == 0) {
+  const pid_t child = fork();
+  if (child == 0) {
+    freopen("/dev/null", "w", stdout);
+    freopen("/dev/null", "w", stderr);
     execv(args[0], args.data());
-    _exit(127);
+    _exit(errno == EACCES || errno == EPERM ? 126 : 127);
   }
+  if (pid != nullptr) *pid = child;
   int status = 0;
-  waitpid(pid, &status, 0);
-  return pid;
+  waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 std::vector<RealExtension::Received> RealExtension::events(

@@ -22,11 +22,13 @@ class RealExtension : public ::testing::Test {
   void SetUp() override;
   void TearDown() override;
 
-  // Starts lumo-es, waits for its registration and pushes the policy.
-  void startWithPolicy(bool dup, bool web, bool device, std::vector<std::string> env = {});
+  // Starts lumo-es, waits for its registration and pushes a policy with
+  // data protection on.
+  void start(std::vector<std::string> env = {});
   void exclude(const std::vector<std::pair<std::string, std::string>>& kindAndPath);
-  // Runs argv to its end; returns its pid.
-  pid_t run(const std::vector<std::string>& argv);
+  // Runs argv to its end, its output thrown away: the exit status, 126 when
+  // the exec itself was refused; its pid in *pid.
+  static int run(const std::vector<std::string>& argv, pid_t* pid = nullptr);
 
   // Waits until an event of `selector` satisfies `match`.
   std::optional<Received> waitEvent(const std::string& selector,
