@@ -1,0 +1,372 @@
+// The kernel's records into messages: fanotify FID-mode records into file
+// messages, with a resolver that knows a few handles, and the BPF process
+// programs' records into process messages. Records are of the test's making;
+// each message is checked as one line of text.
+#include <gtest/gtest.h>
+#include <linux/fanotify.h>
+
+#include <cstring>
+#include <filesystem>
+#include <map>
+#include <vector>
+
+#include "es/bpf/processevent.h"
+#include "es/fanotifydecoder.h"
+#include "es/message.h"
+#include "es/mounts.h"
+#include "es/processrecord.h"
+#include "es/procinfo.h"
+
+namespace {
+
+using endpointsecurity::linux_es::EventSet;
+using endpointsecurity::linux_es::FanotifyDecoder;
+using endpointsecurity::linux_es::IEventSink;
+using endpointsecurity::linux_es::IHandleResolver;
+using endpointsecurity::linux_es::Message;
+using endpointsecurity::linux_es::ProcessCache;
+using endpointsecurity::linux_es::ProcessRecordDecoder;
+using endpointsecurity::linux_es::ProcReader;
+using Lines = std::vector<std::string>;
+
+constexpr pid_t kSelf = 999;
+constexpr pid_t kPid = 4321;
+
+// fsid, then a file_handle of 4 bytes holding the id.
+std::string keyOf(uint32_t id) {
+  std::string key(8, '\x01');
+  const uint32_t bytes = 4;
+  const int32_t type = 1;
+  key.append(reinterpret_cast<const char*>(&bytes), 4);
+  key.append(reinterpret_cast<const char*>(&type), 4);
+  key.append(reinterpret_cast<const char*>(&id), 4);
+  return key;
+}
+
+// Builds one read() worth of records: events, each followed by its
+// information records (an object's fid; a directory's fid and an entry name).
+class Records {
+ public:
+  Records& event(uint64_t mask, pid_t pid = kPid) {
+    close();
+    start_ = buffer_.size();
+    fanotify_event_metadata m{};
+    m.vers = FANOTIFY_METADATA_VERSION;
+    m.metadata_len = sizeof m;
+    m.mask = mask;
+    m.fd = FAN_NOFD;
+    m.pid = pid;
+    append(&m, sizeof m);
+    return *this;
+  }
+  Records& fid(uint32_t id) { return info(FAN_EVENT_INFO_TYPE_FID, id, nullptr); }
+  Records& entry(uint32_t dir, const char* name) {
+    return info(FAN_EVENT_INFO_TYPE_DFID_NAME, dir, name);
+  }
+  Records& from(uint32_t dir, const char* name) {
+    return info(FAN_EVENT_INFO_TYPE_OLD_DFID_NAME, dir, name);
+  }
+  Records& to(uint32_t dir, const char* name) {
+    return info(FAN_EVENT_INFO_TYPE_NEW_DFID_NAME, dir, name);
+  }
+  const std::vector<char>& bytes() {
+    close();
+    return buffer_;
+  }
+
+ private:
+  Records& info(uint8_t type, uint32_t id, const char* name) {
+    std::string body(4, '\0');  // header, filled below
+    body += keyOf(id);
+    if (name != nullptr) body += std::string(name) + '\0';
+    while (body.size() % 4) body += '\0';
+    fanotify_event_info_header h{};
+    h.info_type = type;
+    h.len = static_cast<uint16_t>(body.size());
+    std::memcpy(body.data(), &h, sizeof h);
+    append(body.data(), body.size());
+    return *this;
+  }
+  void append(const void* p, size_t n) {
+    const char* c = static_cast<const char*>(p);
+    buffer_.insert(buffer_.end(), c, c + n);
+  }
+  void close() {
+    if (start_ == SIZE_MAX) return;
+    const uint32_t len = static_cast<uint32_t>(buffer_.size() - start_);
+    std::memcpy(buffer_.data() + start_ + offsetof(fanotify_event_metadata, event_len), &len, 4);
+    start_ = SIZE_MAX;
+  }
+  std::vector<char> buffer_;
+  size_t start_ = SIZE_MAX;
+};
+
+std::string path(const es_file_t* file) { return file->path.data ? file->path.data : "(none)"; }
+std::string sized(const es_file_t* file) {
+  return path(file) + " (" + std::to_string(file->stat.st_size) + ")";
+}
+std::string process(const es_process_t* p) {
+  return std::to_string(audit_token_to_pid(p->audit_token)) + " " + path(p->executable);
+}
+
+// One message as a line of text.
+std::string line(Message& m) {
+  const es_events_t& e = m.es.event;
+  switch (m.es.event_type) {
+    case ES_EVENT_TYPE_NOTIFY_OPEN:
+      return "open " + sized(e.open.file);
+    case ES_EVENT_TYPE_NOTIFY_CLOSE:
+      return (e.close.modified ? "modified " : "close ") + sized(e.close.target);
+    case ES_EVENT_TYPE_NOTIFY_RENAME:
+      return "rename " + sized(e.rename.source) +
+             (e.rename.destination_type == ES_DESTINATION_TYPE_EXISTING_FILE
+                  ? " over " + path(e.rename.destination.existing_file)
+                  : " to " + path(e.rename.destination.new_path.dir) + " " +
+                        e.rename.destination.new_path.filename.data);
+    case ES_EVENT_TYPE_NOTIFY_EXCHANGEDATA:
+      return "exchange " + path(e.exchangedata.file1) + " " + path(e.exchangedata.file2);
+    case ES_EVENT_TYPE_NOTIFY_LINK:
+      return "link " + path(e.link.source) + " as " + path(e.link.target_dir) + " " +
+             e.link.target_filename.data;
+    case ES_EVENT_TYPE_NOTIFY_UNLINK:
+      return "unlink " + path(e.unlink.target) + " in " + path(e.unlink.parent_dir);
+    case ES_EVENT_TYPE_NOTIFY_EXEC: {
+      std::string text = "exec " + process(e.exec.target) + " [";
+      for (uint32_t i = 0; i < m.argCount(); ++i) text += std::string(i ? " " : "") + m.arg(i).data;
+      return text + "]";
+    }
+    case ES_EVENT_TYPE_NOTIFY_FORK:
+      return "fork " + process(m.es.process) + " to " + process(e.fork.child) + " of " +
+             std::to_string(e.fork.child->ppid);
+    case ES_EVENT_TYPE_NOTIFY_EXIT:
+      return "exit " + process(m.es.process) + " " + std::to_string(e.exit.stat);
+    default:
+      return "type " + std::to_string(m.es.event_type);
+  }
+}
+
+class Sink : public IEventSink, public IHandleResolver {
+ public:
+  Sink() : cache(reader) {}
+  ~Sink() override {
+    for (Message* m : delivered) delete m;
+  }
+  void deliver(Message* m) override { delivered.push_back(m); }
+  bool wants(es_event_type_t type) const override { return wanted.test(type); }
+  ProcessCache& processes() override { return cache; }
+  uint64_t now() override { return 0; }
+  std::optional<std::string> path(const std::string& key) override {
+    auto it = paths.find(key);
+    if (it == paths.end()) return std::nullopt;
+    return it->second;
+  }
+  bool stat(const std::string& path, struct stat* st) override {
+    auto it = sizes.find(path);
+    if (it == sizes.end()) return false;
+    st->st_size = it->second;
+    return true;
+  }
+  // The lines of what was delivered since the last call.
+  Lines lines() {
+    Lines out;
+    for (; taken < delivered.size(); ++taken) out.push_back(line(*delivered[taken]));
+    return out;
+  }
+
+  EventSet wanted = EventSet().set();
+  std::vector<Message*> delivered;
+  size_t taken = 0;
+  std::map<std::string, std::string> paths{{keyOf(1), "/media/usb"}, {keyOf(2), "/media/usb/sub"}};
+  std::map<std::string, off_t> sizes{{"/media/usb/a", 5}, {"/media/usb/b", 7}};
+  ProcReader reader{"/nonexistent-proc"};
+  ProcessCache cache;
+};
+
+class Decoder : public ::testing::Test {
+ protected:
+  Lines feed(Records& r) {
+    decoder.handle(r.bytes().data(), r.bytes().size());
+    return sink.lines();
+  }
+
+  Sink sink;
+  FanotifyDecoder decoder{sink, sink, kSelf};
+};
+
+TEST_F(Decoder, OpensClosesLinksAndDeletesCarryPathsSizesAndTheTrueModifiedFlag) {
+  Records r;
+  r.event(FAN_OPEN).entry(1, "a").fid(10);
+  r.event(FAN_MODIFY).entry(1, "a").fid(10);
+  r.event(FAN_CLOSE_WRITE).entry(1, "a").fid(10);
+  r.event(FAN_CLOSE_WRITE).entry(1, "a").fid(10);               // the modification was forgotten
+  r.event(FAN_CLOSE_WRITE).entry(1, "b").fid(11);               // opened for writing only
+  r.event(FAN_MODIFY | FAN_CLOSE_WRITE).entry(1, "b").fid(11);  // merged in the queue
+  r.event(FAN_ATTRIB).fid(10);
+  r.event(FAN_CREATE).entry(2, "hard").fid(10);
+  r.event(FAN_CREATE).entry(1, "new").fid(12);  // a plain create: no message
+  r.event(FAN_DELETE).entry(1, "a").fid(10);
+  EXPECT_EQ(feed(r), (Lines{"open /media/usb/a (5)", "modified /media/usb/a (5)",
+                            "close /media/usb/a (5)", "close /media/usb/b (7)",
+                            "modified /media/usb/b (7)", "link /media/usb/a as /media/usb/sub hard",
+                            "unlink /media/usb/a in /media/usb"}));
+  EXPECT_EQ(audit_token_to_pid(sink.delivered[0]->es.process->audit_token), kPid);
+}
+
+TEST_F(Decoder, RenamesTellNewPathOverwriteAndExchangeApart) {
+  // A rename followed by something unrelated: a new path. The moved file's
+  // size is read where it went (nothing at sub/a2, b's at b).
+  Records plain;
+  plain.event(FAN_RENAME).from(1, "a").to(2, "a2").fid(10);
+  plain.event(FAN_OPEN).entry(1, "b").fid(11);
+  EXPECT_EQ(feed(plain),
+            (Lines{"rename /media/usb/a (0) to /media/usb/sub a2", "open /media/usb/b (7)"}));
+  // The victim's link count drops right after: an existing file.
+  Records over;
+  over.event(FAN_RENAME).from(1, "a").to(1, "b").fid(10);
+  over.event(FAN_ATTRIB).fid(11);
+  EXPECT_EQ(feed(over), Lines{"rename /media/usb/a (7) over /media/usb/b"});
+  // Two mirrored renames of one pid: an exchange, not two renames.
+  Records swap;
+  swap.event(FAN_RENAME).from(1, "a").to(1, "b").fid(10);
+  swap.event(FAN_RENAME).from(1, "b").to(1, "a").fid(11);
+  EXPECT_EQ(feed(swap), Lines{"exchange /media/usb/a /media/usb/b"});
+  // Mirrored, but by two processes: two renames, the last one held until
+  // something follows or the read is flushed.
+  Records two;
+  two.event(FAN_RENAME, 1).from(1, "a").to(1, "b").fid(10);
+  two.event(FAN_RENAME, 2).from(1, "b").to(1, "a").fid(11);
+  EXPECT_EQ(feed(two).size(), 1u);
+  EXPECT_TRUE(decoder.holding());
+  decoder.flush();
+  EXPECT_FALSE(decoder.holding());
+  EXPECT_EQ(sink.lines(), Lines{"rename /media/usb/b (5) to /media/usb a"});
+}
+
+TEST_F(Decoder, DroppedAndBadRecordsAreCountedNeverTrusted) {
+  sink.wanted.reset();
+  sink.wanted.set(ES_EVENT_TYPE_NOTIFY_CLOSE);
+  Records r;
+  r.event(FAN_OPEN).entry(1, "a").fid(10);                // not wanted
+  r.event(FAN_CLOSE_WRITE, kSelf).entry(1, "a").fid(10);  // the facility's own
+  r.event(FAN_CLOSE_WRITE).entry(77, "a").fid(10);        // directory gone (ESTALE)
+  r.event(FAN_Q_OVERFLOW);
+  EXPECT_TRUE(feed(r).empty());
+  EXPECT_EQ(decoder.counters().unresolved, 1u);
+  EXPECT_EQ(decoder.counters().overflows, 1u);
+
+  Records ok;
+  ok.event(FAN_CLOSE_WRITE).entry(1, "a").fid(10);
+  const std::vector<char> good = ok.bytes();
+  // The entry's header, then fsid, handle size and type, handle, name.
+  const size_t handleSize = sizeof(fanotify_event_metadata) + 4 + 8;
+  auto broken = [&](size_t at, const void* with, size_t n, size_t cut = 0) {
+    std::vector<char> bytes(good.begin(), good.end() - cut);
+    std::memcpy(bytes.data() + at, with, n);
+    decoder.handle(bytes.data(), bytes.size());
+  };
+  const uint32_t huge = 4096;
+  const uint8_t version = 1;
+  broken(handleSize + 12, "abcd", 4);  // a name without its terminating NUL
+  broken(handleSize, &huge, 4);        // a handle longer than its record
+  // A wrong version, and an event length past the read: the rest of the
+  // read is dropped.
+  broken(offsetof(fanotify_event_metadata, vers), &version, 1);
+  broken(0, good.data(), 0, 4);
+  EXPECT_EQ(decoder.counters().malformed, 4u);
+  EXPECT_TRUE(sink.lines().empty());
+  // And the decoder still works.
+  decoder.handle(good.data(), good.size());
+  EXPECT_EQ(sink.lines(), Lines{"close /media/usb/a (5)"});
+}
+
+TEST(LinuxMounts, ParsesMountInfoAndSkipsPseudoFileSystems) {
+  const std::string text =
+      "22 1 0:21 / /proc rw,nosuid shared:12 - proc proc rw\n"
+      "29 1 8:1 / / rw,relatime shared:1 - ext4 /dev/sda1 rw\n"
+      "40 29 0:35 / /media/My\\040Stick rw master:3 - vfat /dev/sdb1 rw\n"
+      "garbage line\n"
+      "41 29 0:36 / /mnt/x rw -\n";
+  const auto mounts = endpointsecurity::linux_es::parseMountInfo(text);
+  ASSERT_EQ(mounts.size(), 3u);
+  EXPECT_EQ(mounts[0].path, "/proc");
+  EXPECT_EQ(mounts[2].path, "/media/My Stick");
+  EXPECT_EQ(mounts[2].fsType, "vfat");
+  for (const char* pseudo : {"proc", "cgroup2"}) {
+    EXPECT_FALSE(endpointsecurity::linux_es::watchableFsType(pseudo));
+  }
+  for (const char* real : {"ext4", "tmpfs"}) {
+    EXPECT_TRUE(endpointsecurity::linux_es::watchableFsType(real));
+  }
+}
+
+lumo_proc_event record(uint32_t kind, pid_t pid, pid_t ppid, uint64_t startNanos) {
+  lumo_proc_event e;
+  std::memset(&e, 0, sizeof e);
+  e.kind = kind;
+  e.proc.pid = static_cast<__u32>(pid);
+  e.proc.ppid = static_cast<__u32>(ppid);
+  e.proc.ruid = 1000;
+  e.proc.euid = 1000;
+  e.proc.asid = 3;
+  e.proc.start_ns = startNanos;
+  return e;
+}
+
+lumo_proc_event execRecord(pid_t pid, const char* image, const std::string& args) {
+  lumo_proc_event e = record(LUMO_PROC_EXEC, pid, 1, 2'500'000'000ull);  // 250 ticks at 100 Hz
+  std::strncpy(e.filename, image, sizeof e.filename - 1);
+  e.filename_len = static_cast<__u32>(std::strlen(image) + 1);
+  std::strncpy(e.interp, image, sizeof e.interp - 1);
+  e.interp_len = e.filename_len;
+  std::memcpy(e.args, args.data(), args.size());
+  e.args_len = static_cast<__u32>(args.size());
+  return e;
+}
+
+size_t execSize(const lumo_proc_event& e) { return offsetof(lumo_proc_event, args) + e.args_len; }
+constexpr size_t kNoFilename = offsetof(lumo_proc_event, filename);
+
+TEST(LinuxProcessRecords, ExecForkAndExitBecomeMessagesAndBadRecordsAreCounted) {
+  Sink sink;
+  ProcessRecordDecoder decoder(sink);
+  const lumo_proc_event exec = execRecord(500, "/bin/sh", std::string("sh\0-c\0true\0", 11));
+  ASSERT_TRUE(decoder.handle(&exec, execSize(exec)));
+  lumo_proc_event fork = record(LUMO_PROC_FORK, 501, 500, 2'600'000'000ull);
+  fork.parent = exec.proc;
+  ASSERT_TRUE(decoder.handle(&fork, kNoFilename));
+  lumo_proc_event exit = fork;
+  exit.kind = LUMO_PROC_EXIT;
+  exit.exit_code = 256;
+  ASSERT_TRUE(decoder.handle(&exit, kNoFilename));
+  // Symlinks resolved, as the kernel would name the file; the child takes
+  // its parent's image from the cache.
+  const std::string sh = std::filesystem::canonical("/bin/sh").string();
+  EXPECT_EQ(sink.lines(),
+            (Lines{"exec 500 " + sh + " [sh -c true]",
+                   "fork 500 " + sh + " to 501 " + sh + " of 500", "exit 501 " + sh + " 256"}));
+  const audit_token_t& token = sink.delivered[0]->es.event.exec.target->audit_token;
+  EXPECT_EQ(audit_token_to_ruid(token), 1000u);
+  EXPECT_EQ(audit_token_to_asid(token), 3);
+  EXPECT_EQ(audit_token_to_pidversion(token), 250);
+
+  // Unwanted types only feed the cache.
+  sink.wanted.reset();
+  const lumo_proc_event quiet = execRecord(600, "/bin/true", std::string("true\0", 5));
+  ASSERT_TRUE(decoder.handle(&quiet, execSize(quiet)));
+  EXPECT_TRUE(sink.cache.lookup(600, 250));
+  // Too short for any record; an exec cut inside its arguments; an
+  // unknown kind; a length field past the buffer.
+  EXPECT_FALSE(decoder.handle(&exec, 8));
+  EXPECT_FALSE(decoder.handle(&exec, execSize(exec) - 1));
+  lumo_proc_event odd = exec;
+  odd.kind = 99;
+  EXPECT_FALSE(decoder.handle(&odd, execSize(odd)));
+  lumo_proc_event huge = exec;
+  huge.args_len = LUMO_ARGS_MAX + 1;
+  EXPECT_FALSE(decoder.handle(&huge, sizeof huge));
+  EXPECT_FALSE(decoder.handle(nullptr, 0));
+  EXPECT_EQ(decoder.malformed(), 5u);
+  EXPECT_TRUE(sink.lines().empty());
+}
+
+}  // namespace
