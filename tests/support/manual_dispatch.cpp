@@ -35,9 +35,36 @@ QueueRef ManualDispatch::globalQueue(QosClass qos) {
   return queue;
 }
 
-void ManualDispatch::after(uint64_t when, const QueueRef& queue, Task task) {
+class ManualDispatch::Timer : public tarvex::itx::rtn::ITimer {
+ public:
+  Timer(std::weak_ptr<ManualDispatch*> owner, uint64_t when, uint64_t id)
+      : owner_(std::move(owner)), when_(when), id_(id) {}
+  void cancel() override {
+    const auto owner = owner_.lock();
+    if (!owner) return;
+    Task dropped;
+    std::lock_guard<std::mutex> lock((*owner)->mutex_);
+    auto& timers = (*owner)->timers_;
+    auto [first, last] = timers.equal_range(when_);
+    for (auto it = first; it != last; ++it) {
+      if (it->second.id != id_) continue;
+      dropped = std::move(it->second.task);
+      timers.erase(it);
+      return;
+    }
+  }
+
+ private:
+  const std::weak_ptr<ManualDispatch*> owner_;
+  const uint64_t when_;
+  const uint64_t id_;
+};
+
+tarvex::itx::rtn::TimerRef ManualDispatch::after(uint64_t when, const QueueRef& queue, Task task) {
   std::lock_guard<std::mutex> lock(mutex_);
-  timers_.emplace(when, std::make_pair(queue, std::move(task)));
+  const uint64_t id = nextTimer_++;
+  timers_.emplace(when, Due{id, queue, std::move(task)});
+  return std::make_shared<Timer>(self_, when, id);
 }
 
 void ManualDispatch::main() { std::abort(); }
@@ -70,7 +97,9 @@ size_t ManualDispatch::fireDueTimers() {
   {
     std::lock_guard<std::mutex> lock(mutex_);
     auto end = timers_.upper_bound(now);
-    for (auto it = timers_.begin(); it != end; ++it) due.push_back(std::move(it->second));
+    for (auto it = timers_.begin(); it != end; ++it) {
+      due.emplace_back(std::move(it->second.queue), std::move(it->second.task));
+    }
     timers_.erase(timers_.begin(), end);
   }
   for (auto& [queue, task] : due) queue->async(std::move(task));
@@ -84,10 +113,10 @@ size_t ManualDispatch::pendingTasks(const std::string& label) const {
   return n;
 }
 
-std::vector<ManualDispatch::Timer> ManualDispatch::pendingTimers() const {
+std::vector<ManualDispatch::PendingTimer> ManualDispatch::pendingTimers() const {
   std::lock_guard<std::mutex> lock(mutex_);
-  std::vector<Timer> timers;
-  for (const auto& [when, entry] : timers_) timers.push_back({when, entry.first->label()});
+  std::vector<PendingTimer> timers;
+  for (const auto& [when, entry] : timers_) timers.push_back({when, entry.queue->label()});
   return timers;
 }
 

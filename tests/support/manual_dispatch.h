@@ -36,7 +36,7 @@ class ManualDispatch : public tarvex::itx::rtn::IDispatch {
  public:
   explicit ManualDispatch(tarvex::itx::rtn::IClock& clock) : clock_(clock) {}
 
-  struct Timer {
+  struct PendingTimer {
     uint64_t when;
     std::string queue;
   };
@@ -44,8 +44,8 @@ class ManualDispatch : public tarvex::itx::rtn::IDispatch {
   tarvex::itx::rtn::QueueRef createConcurrentQueue(const char* label,
                                                     tarvex::itx::rtn::QosClass target) override;
   tarvex::itx::rtn::QueueRef globalQueue(tarvex::itx::rtn::QosClass qos) override;
-  void after(uint64_t when, const tarvex::itx::rtn::QueueRef& queue,
-             tarvex::itx::rtn::Task task) override;
+  tarvex::itx::rtn::TimerRef after(uint64_t when, const tarvex::itx::rtn::QueueRef& queue,
+                                   tarvex::itx::rtn::Task task) override;
   [[noreturn]] void main() override;
 
   // Runs queued tasks (and tasks they queue) of every queue, or of one.
@@ -53,19 +53,28 @@ class ManualDispatch : public tarvex::itx::rtn::IDispatch {
   // Moves due timers (clock now) to their queues; returns how many.
   size_t fireDueTimers();
   size_t pendingTasks(const std::string& label = "") const;
-  std::vector<Timer> pendingTimers() const;
+  std::vector<PendingTimer> pendingTimers() const;
   std::vector<std::string> createdQueues() const;
   tarvex::itx::rtn::QosClass targetOf(const std::string& label) const;
 
  private:
   class Queue;
   friend class Queue;
+  class Timer;
+  struct Due {
+    uint64_t id;
+    tarvex::itx::rtn::QueueRef queue;
+    tarvex::itx::rtn::Task task;
+  };
   void enqueue(const std::string& label, tarvex::itx::rtn::Task task);
 
   tarvex::itx::rtn::IClock& clock_;
   mutable std::mutex mutex_;
   std::deque<std::pair<std::string, tarvex::itx::rtn::Task>> tasks_;
-  std::multimap<uint64_t, std::pair<tarvex::itx::rtn::QueueRef, tarvex::itx::rtn::Task>> timers_;
+  std::multimap<uint64_t, Due> timers_;
+  uint64_t nextTimer_ = 0;
+  // Timers reach the dispatch through this; gone with it.
+  std::shared_ptr<ManualDispatch*> self_ = std::make_shared<ManualDispatch*>(this);
   std::vector<std::pair<std::string, tarvex::itx::rtn::QosClass>> created_;
   std::map<tarvex::itx::rtn::QosClass, tarvex::itx::rtn::QueueRef> globals_;
 };
