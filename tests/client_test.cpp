@@ -19,58 +19,38 @@ using Events = std::vector<es_event_type_t>;
 
 using ClientLifecycle = lumo::testing::ClientFixture;
 
-TEST_F(ClientLifecycle, InitStartAndStop) {
+TEST_F(ClientLifecycle, StartSubscribesTheUnionOnceAndStopDeletesTheClientOnce) {
   es.failCall(Call::ClearCache);  // logged and ignored
   ASSERT_TRUE(client->init());
-  EXPECT_TRUE(sink.contains("] Error: es_clear_cache failed. Continues to es_subscribe anyway."));
-  EXPECT_TRUE(sink.contains("] Info:  SysExt started, pid: " + std::to_string(getpid())));
-  EXPECT_FALSE(client->start());
-  EXPECT_TRUE(sink.contains("] Error: no any observers were registered for notifications"));
+  EXPECT_FALSE(client->start());  // no observers
   EXPECT_FALSE(client->registerObserver(nullptr));
-
-  // Start subscribes the union of the observers' types, once each.
   observe("A", {ES_EVENT_TYPE_NOTIFY_CLOSE, ES_EVENT_TYPE_NOTIFY_OPEN});
   observe("B", {ES_EVENT_TYPE_NOTIFY_CLOSE, ES_EVENT_TYPE_AUTH_EXEC});
   EXPECT_TRUE(es.subscriptionCalls().empty());
   ASSERT_TRUE(client->start());
-  auto calls = es.subscriptionCalls();
-  ASSERT_EQ(calls.size(), 1u);
-  EXPECT_EQ(calls[0].events, (Events{ES_EVENT_TYPE_AUTH_EXEC, ES_EVENT_TYPE_NOTIFY_OPEN,
-                                     ES_EVENT_TYPE_NOTIFY_CLOSE}));
+  ASSERT_EQ(es.subscriptionCalls().size(), 1u);
+  EXPECT_EQ(
+      es.subscriptionCalls()[0].events,
+      (Events{ES_EVENT_TYPE_AUTH_EXEC, ES_EVENT_TYPE_NOTIFY_OPEN, ES_EVENT_TYPE_NOTIFY_CLOSE}));
   es.failCall(Call::Subscribe);
   EXPECT_FALSE(client->start());
-  EXPECT_TRUE(sink.contains("] Error: es_subscribe failed"));
-
   EXPECT_TRUE(client->stop());
-  EXPECT_TRUE(client->stop());  // nothing left to delete
+  EXPECT_TRUE(client->stop());
   EXPECT_EQ(es.callCount(Call::DeleteClient), 1u);
   EXPECT_TRUE(es.clientDeleted());
-  es.failCall(Call::DeleteClient);
-  endpointsecurity::Client other;
-  ASSERT_TRUE(other.init());
-  other.stop();
-  EXPECT_TRUE(sink.contains("] Error: Error deleting ES Client."));
 }
 
-TEST_F(ClientLifecycle, EachNewClientFailureHasItsOwnLine) {
-  const std::pair<int, const char*> cases[] = {
-      {ES_NEW_CLIENT_RESULT_ERR_INVALID_ARGUMENT, "invalid arguments were provided. Error: 1"},
-      {ES_NEW_CLIENT_RESULT_ERR_INTERNAL, "Communication with the ES subsystem failed. Error: 2"},
-      {ES_NEW_CLIENT_RESULT_ERR_NOT_ENTITLED, "is not properly entitled to connect. Error: 3"},
-      {ES_NEW_CLIENT_RESULT_ERR_NOT_PERMITTED, "Full Disk Access granted ? Error: 4"},
-      {ES_NEW_CLIENT_RESULT_ERR_NOT_PRIVILEGED, "is not running as root. Error: 5"},
-      {ES_NEW_CLIENT_RESULT_ERR_TOO_MANY_CLIENTS, "simultaneously connected clients. Error: 6"},
-      {42, "] Error: es_new_client failed with error: 42"},
-  };
-  for (const auto& [result, line] : cases) {
-    es.setNewClientResult(static_cast<es_new_client_result_t>(result));
-    EXPECT_FALSE(endpointsecurity::Client().init()) << line;
-    EXPECT_TRUE(sink.contains(line)) << line;
+TEST_F(ClientLifecycle, AFailedNewClientLeavesNothingToStart) {
+  for (auto result : {ES_NEW_CLIENT_RESULT_ERR_NOT_PRIVILEGED, es_new_client_result_t(42)}) {
+    es.setNewClientResult(result);
+    EXPECT_FALSE(endpointsecurity::Client().init());
   }
+  EXPECT_TRUE(sink.contains("] Error: es_new_client failed. The caller is not running as root."));
   es.setNewClientResult(ES_NEW_CLIENT_RESULT_SUCCESS, /*returnHandle=*/false);
   EXPECT_FALSE(client->init());
+  observe("A", {ES_EVENT_TYPE_NOTIFY_OPEN});
   EXPECT_FALSE(client->start());
-  EXPECT_TRUE(sink.contains("] Error: client was not inited properly"));
+  EXPECT_EQ(es.clientCount(), 0u);
 }
 
 using ClientDispatch = lumo::testing::ClientFixture;
@@ -118,11 +98,13 @@ TEST_F(ClientDispatch, WatchdogAnswersAtEightyPercentOfTheTimeLeftUnlessAnswered
   ASSERT_EQ(timers.size(), 1u);
   EXPECT_EQ(timers[0].when, start + static_cast<uint64_t>(0x1'0000'1000 * 0.8));
   EXPECT_EQ(timers[0].queue, kDeadlineQueue);
-
-  // The observer has not run when the watchdog fires.
+  // The observer has not run when the watchdog fires; when it does run, it
+  // sees the answer and leaves the observers alone.
   clock.advance(timers[0].when - start);
   ASSERT_EQ(dispatch.fireDueTimers(), 1u);
   dispatch.runQueued(kDeadlineQueue);
+  dispatch.runQueued(kAuthQueue);
+  EXPECT_EQ(slow.authed, 0);
   auto answers = es.answers(exec->get());
   ASSERT_EQ(answers.size(), 1u);
   EXPECT_EQ(answers[0].result, ES_AUTH_RESULT_ALLOW);
@@ -132,27 +114,19 @@ TEST_F(ClientDispatch, WatchdogAnswersAtEightyPercentOfTheTimeLeftUnlessAnswered
       "/usr/bin/lp (77). Deadline:" +
       std::to_string(static_cast<int>(static_cast<uint32_t>(start + 0x1'0000'1000))) +
       " Proc:/usr/bin/lp"));
-  // The late auth block sees the answer and leaves the observers alone.
-  dispatch.runQueued(kAuthQueue);
-  EXPECT_EQ(slow.authed, 0);
-  EXPECT_EQ(es.answers(exec->get()).size(), 1u);
 
-  // Answered in time: the watchdog stays quiet; with no time left it fires at once.
+  // Answered in time: the watchdog stays quiet. No time left: it fires at once.
   auto quick = authMessage(ES_EVENT_TYPE_AUTH_EXEC, 1000);
+  auto late = authMessage(ES_EVENT_TYPE_AUTH_EXEC, 0);
   es.deliver(quick->get());
   dispatch.runQueued(kAuthQueue);
-  EXPECT_EQ(es.retainCount(quick->get()), 0);
+  es.deliver(late->get());
   clock.advance(1000);
   dispatch.fireDueTimers();
-  dispatch.runQueued();
-  EXPECT_EQ(es.answers(quick->get()).size(), 1u);
-  EXPECT_EQ(sink.count("ATTENTION"), 1u);
-  auto late = authMessage(ES_EVENT_TYPE_AUTH_EXEC, 0);
-  es.deliver(late->get());
-  EXPECT_TRUE(sink.contains("] Assert:  Assertion failed: [ deadline_delta_tics > 0]"));
-  ASSERT_EQ(dispatch.fireDueTimers(), 1u);
   dispatch.runQueued(kDeadlineQueue);
+  EXPECT_EQ(es.answers(quick->get()).size(), 1u);
   EXPECT_EQ(es.answers(late->get()).size(), 1u);
+  EXPECT_EQ(sink.count("ATTENTION"), 2u);
 }
 
 TEST_F(ClientDispatch, NotificationsReachObserversOnlyWhileTheDaemonListensAndTheClientRuns) {
@@ -169,7 +143,6 @@ TEST_F(ClientDispatch, NotificationsReachObserversOnlyWhileTheDaemonListensAndTh
   dispatch.runQueued();
   EXPECT_EQ(watcher.notified, 1);
   EXPECT_EQ(es.retainCount(exec->get()), 0);
-  EXPECT_TRUE(es.answers(exec->get()).empty());
 
   // After stop, queued messages reach no observer and are released.
   auto auth = authMessage(ES_EVENT_TYPE_AUTH_EXEC);
@@ -181,7 +154,6 @@ TEST_F(ClientDispatch, NotificationsReachObserversOnlyWhileTheDaemonListensAndTh
   dispatch.runQueued();
   EXPECT_EQ(watcher.authed + watcher.notified, 1);
   EXPECT_TRUE(es.answers(auth->get()).empty());
-  EXPECT_EQ(sink.count("] Debug:  Ignoring event because System Extension is shutting down."), 2u);
 }
 
 // Three observers shaped like the product's: process, file and printer.
@@ -238,26 +210,14 @@ TEST_F(ClientSwitchMode, ChangesOnlyTypesNoOtherActiveObserverNeeds) {
   EXPECT_EQ(es.subscriptions().size(), 5u);
   // Every entry of the whole group counts, repeats included (RENAME twice).
   EXPECT_EQ(lastCall(true).size(), 6u);
-}
 
-TEST_F(ClientSwitchMode, FailuresAndStoppedClients) {
-  es.failCall(Call::Subscribe);
-  EXPECT_FALSE(client->switchMode(TagProcObserver, true));
-  es.failCall(Call::Subscribe, false);
-  ASSERT_TRUE(switchGroup(TagProcObserver, true));
+  // Failures are reported; a stopped client changes nothing.
   es.failCall(Call::Unsubscribe);
   EXPECT_FALSE(client->switchMode(TagProcObserver, false));
-  EXPECT_TRUE(sink.contains("] Error: es_unsubscribe failed"));
-
-  EXPECT_FALSE(endpointsecurity::Client().switchMode(TagProcObserver, true));
-  endpointsecurity::Client empty;
-  ASSERT_TRUE(empty.init());
-  EXPECT_FALSE(empty.switchMode(TagProcObserver, true));
-
-  const size_t before = es.subscriptionCalls().size();
+  EXPECT_FALSE(endpointsecurity::Client().switchMode(TagProcObserver, true));  // not initialised
   client->stop();
-  EXPECT_TRUE(client->switchMode(TagFileObserver, true));
-  EXPECT_EQ(es.subscriptionCalls().size(), before);
+  EXPECT_TRUE(client->switchMode(TagFileObserver, false));
+  EXPECT_EQ(es.callCount(Call::Unsubscribe), 3u);
 }
 
 class ClientMuting : public lumo::testing::ClientFixture {
@@ -280,32 +240,22 @@ TEST_F(ClientMuting, ExclusionsReplaceEveryKindOfMuteAndFailuresNeverFailTheUpda
     const auto literals = es.mutedLiterals();
     ASSERT_EQ(literals.size(), 9u);
     EXPECT_EQ(literals.front(), "/opt/a/bin/tool");
-    EXPECT_EQ(literals.back(), "/usr/libexec/runningboardd");
     const auto prefixes = es.mutedPrefixes();
     ASSERT_EQ(prefixes.size(), 1u + 2u + 9u);
     EXPECT_EQ(prefixes[0], "/opt/b/");
     EXPECT_EQ(prefixes[1], "/opt/tarvex/lumo/EP/");
-    EXPECT_EQ(prefixes[3], "/System/Library/PrivateFrameworks/SkyLight.framework/");
   }
-
   for (Call call : {Call::MutePathLiteral, Call::MutePathPrefix, Call::MutedProcesses}) {
     es.failCall(call);
   }
   EXPECT_TRUE(client->applyExclusions({"/x/tool"}, {"/y/"}, {}));
-  EXPECT_TRUE(sink.contains("] Error: es_muted_processes failed. Err:1"));
-  EXPECT_EQ(es.callCount(Call::UnmuteAllPaths), 3u);  // paths were still unmuted
-  EXPECT_TRUE(sink.contains("] Error: es_mute_path_literal failed for [/x/tool]. Err:1"));
+  EXPECT_EQ(es.callCount(Call::UnmuteAllPaths), 3u);        // paths were still unmuted
+  EXPECT_EQ(es.callCount(Call::MutePathLiteral), 3u * 9u);  // and all tried
   EXPECT_TRUE(sink.contains("] Error: es_mute_path_prefix failed for [/y/]. Err:1"));
-  EXPECT_TRUE(sink.contains(
-      "] Error: es_mute_path_prefix failed for own path [/opt/tarvex/lumo/EP/]. Err:1"));
-  EXPECT_EQ(es.callCount(Call::MutePathLiteral), 2u * 9u + 1u + 8u);
   es.failCall(Call::MutedProcesses, false);
-  es.failCall(Call::UnmuteAllPaths);
   es.failCall(Call::UnmuteProcess);
   es.addMutedProcess(lumo::testing::makeToken(signedBy("x")));
   EXPECT_FALSE(client->unMuteAllExclusions());
-  EXPECT_TRUE(sink.contains("] Error: es_unmute_process failed. Err:1"));
-
   client->stop();
   EXPECT_TRUE(client->applyExclusions({"/x"}, {"/y/"}, {"z"}));  // ignored once stopped
   EXPECT_EQ(es.callCount(Call::UnmuteAllPaths), 4u);

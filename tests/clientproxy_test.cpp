@@ -85,10 +85,6 @@ class ClientProxyTest : public ::testing::Test {
 };
 
 TEST_F(ClientProxyTest, InitAppliesTheDefaultExclusionsToBothClientsAndSwitchesNothingOn) {
-  Texts names;
-  for (ISysExtManagable* c : proxy->director().components()) names.push_back(c->getName());
-  EXPECT_EQ(names, (Texts{"ClientDUP", "ClientShield", "ProcEventObserver", "FileEventObserver",
-                          "PrinterEventObserver", "SelfProtectionObserver"}));
   EXPECT_EQ(es.clientCount(), 2u);
   // Other vendors' security products are muted from the start.
   const SysextExclusions defaults = proxy->config().exclusions();
@@ -100,7 +96,7 @@ TEST_F(ClientProxyTest, InitAppliesTheDefaultExclusionsToBothClientsAndSwitchesN
   EXPECT_TRUE(es.subscriptionCalls(0).empty());
 }
 
-TEST_F(ClientProxyTest, EachFeatureSwitchesTheObserversItNeedsAndMalformedPoliciesNothing) {
+TEST_F(ClientProxyTest, EachFeatureSwitchesTheObserversItNeeds) {
   const struct {
     bool dup, webcontrol, devicecontrol;
     Modes modes;
@@ -122,23 +118,6 @@ TEST_F(ClientProxyTest, EachFeatureSwitchesTheObserversItNeedsAndMalformedPolici
   numbers.entries[1].value = Number::ofInt(7);
   ASSERT_TRUE(apply(numbers));
   EXPECT_EQ(modes(), (Modes{true, true, true}));
-
-  const size_t switches = es.subscriptionCalls(0).size();
-  Dictionary noDeviceControl = policy(false, true, true);
-  noDeviceControl.entries.pop_back();
-  Dictionary textDup = policy(false, true, true);
-  textDup.entries[1].value = "yes";
-  EXPECT_FALSE(apply(noDeviceControl));
-  EXPECT_FALSE(apply(textDup));
-  EXPECT_FALSE(proxy->applySettings(nullptr));
-  // The device-control line names the web-control state; that is how it reads.
-  EXPECT_TRUE(
-      sink.contains("] Assert:  Assertion failed: [ webControlState]The setPolicy "
-                    "payload has no devicecontrolon key.\n"));
-  EXPECT_TRUE(sink.contains("[ antitamperingState]The setPolicy payload has no antitamperingon"));
-  EXPECT_TRUE(proxy->config().settings().dup);
-  EXPECT_FALSE(proxy->config().settings().webcontrol);
-  EXPECT_EQ(es.subscriptionCalls(0).size(), switches);
 }
 
 TEST_F(ClientProxyTest, StopReleasesEverythingButKeepsTheExclusions) {
@@ -155,41 +134,12 @@ TEST_F(ClientProxyTest, StopReleasesEverythingButKeepsTheExclusions) {
   // No client is left to take exclusions; they are stored all the same.
   EXPECT_TRUE(proxy->applyExclusions({}, {"/opt/other/"}, {"com.x.y"}));
   EXPECT_EQ(proxy->config().exclusions().bundleIds, Texts{"com.x.y"});
-  sink.clear();
+  // The daemon's calls find no observer and do nothing.
   const sysext::PrinterVerdict verdict;
   const sysext::AddMountPoint add;
   EXPECT_TRUE(proxy->setPrinterVerdict(nullptr, &verdict, nullptr).ok());
   EXPECT_TRUE(proxy->addMountPoint(nullptr, &add, nullptr).ok());
-  EXPECT_TRUE(sink.lines().empty());
   EXPECT_TRUE(proxy->start());
-}
-
-// What goes out; the dictionaries themselves are checked with the observers
-// that fill them.
-TEST(XPCSend, EventsGoToTheirDaemonMethodsOrAreDroppedWithoutConnection) {
-  lumo::testing::CaptureSink sink;
-  auto& xpc = SysExtXPCClient::sharedInstance();
-  sysext::FileEvent file;
-  file.set_filename1("/Users/jörg/日本/😀");
-  sysext::ProcEvent proc;
-  sysext::PrinterEvent printer;
-  {
-    lumo::testing::FakeDaemonLink link;
-    xpc.sendFileEvent(&file);
-    xpc.sendPrinterEvent(&printer);
-    xpc.sendProcessStartEvent(&proc);
-    xpc.sendProcessExitEvent(&proc);
-    Texts selectors;
-    for (const auto& r : link.daemon().received()) selectors.push_back(r.selector);
-    EXPECT_EQ(selectors, (Texts{"handleFileEvent:", "handlePrinterEvent:",
-                                "handleProcessStartEvent:", "handleProcessExitEvent:"}));
-    EXPECT_EQ(link.daemon().received()[0].event, *SysExtXPCClient::convertFileEventToDict(&file));
-  }
-  xpc.sendFileEvent(&file);
-  xpc.sendProcessExitEvent(&proc);
-  EXPECT_TRUE(sink.contains("[-[SysExtXPCClient sendFileEvent:] xpcclient.cpp@"));
-  EXPECT_TRUE(sink.contains("] Warn:  No connection. -[SysExtXPCClient sendFileEvent:]\n"));
-  EXPECT_TRUE(sink.contains("] Warn:  No connection. -[SysExtXPCClient sendProcessExitEvent:]\n"));
 }
 
 TEST(XPCSend, TextThatIsNotUtf8DropsTheEventWithItsAssertLines) {
@@ -210,6 +160,10 @@ TEST(XPCSend, TextThatIsNotUtf8DropsTheEventWithItsAssertLines) {
   xpc.sendProcessStartEvent(&proc);
   xpc.sendProcessExitEvent(&proc);
   EXPECT_EQ(link.daemon().count(), 0u);
+  sysext::FileEvent fine;
+  fine.set_filename1("/Users/jörg/日本/😀");
+  xpc.sendFileEvent(&fine);
+  EXPECT_EQ(link.daemon().count(), 1u);
   const std::string assertion = "] Assert:  Assertion failed: [ ";
   EXPECT_EQ(sink.count(assertion + "eventDict]Error converting event to dictionary.\n"), 7u);
   EXPECT_EQ(sink.count(assertion + "eventDict]Error creating event dictionary.\n"), 1u);
@@ -271,13 +225,8 @@ TEST_F(XPCLink, StartRegistersWithThePrivilegedServiceOnce) {
   EXPECT_EQ(opened.connection->exported, &xpc());
   EXPECT_TRUE(opened.connection->resumed);
   EXPECT_TRUE(xpc().isXPCServiceListening());
-  xpc().start(proxy.get());
-  EXPECT_TRUE(
-      sink.contains("] Info:  XPC client start request rejected, it is already started.\n"));
+  xpc().start(proxy.get());  // already started: refused
   EXPECT_EQ(connector.opened.size(), 1u);
-  sysext::PrinterEvent job;
-  xpc().sendPrinterEvent(&job);
-  EXPECT_EQ(opened.daemon->received("handlePrinterEvent:").size(), 1u);
 
   // A daemon that answers NO leaves the link deaf, without retries.
   xpc().stop();
@@ -310,14 +259,11 @@ TEST_F(XPCLink, NoReconnectionAfterStopOrWithoutTheProduct) {
   EXPECT_TRUE(first->invalidated);
   EXPECT_FALSE(xpc().isXPCServiceListening());
   first->invalidation();
-  EXPECT_TRUE(sink.contains(
-      "] Info:  The XPC connection has been stopped. There will be no reconnection attempts.\n"));
   EXPECT_TRUE(dispatch.pendingTimers().empty());
 
   install(false);
   xpc().start(proxy.get());
   dropConnection();
-  EXPECT_TRUE(sink.contains("] Info:  Lumo is not installed. Extension in sleep mode."));
   EXPECT_TRUE(dispatch.pendingTimers().empty());
 
   // A reconnection already scheduled when the link stops does nothing.
@@ -327,14 +273,12 @@ TEST_F(XPCLink, NoReconnectionAfterStopOrWithoutTheProduct) {
   clock.advance(1'000'000'000);
   dispatch.fireDueTimers();
   dispatch.runQueued();
-  EXPECT_TRUE(sink.contains("] Info:  The XPC connection has been stopped.\n"));
   EXPECT_EQ(connector.opened.size(), 2u);
 }
 
 TEST_F(XPCLink, PolicyAndExclusionsObeyTheTimestampRule) {
   const Dictionary on = policy(true);
   xpc().setPolicy(&on, 0, collect());  // nothing stored yet is older than 0
-  EXPECT_TRUE(sink.contains("] Warn:  A setPolicy with older timestamp ! Not applied.\n"));
   xpc().setPolicy(&on, 10, collect());
   xpc().setPolicy(&on, 10, collect());
   xpc().setPolicy(&on, 9, collect());
@@ -351,7 +295,6 @@ TEST_F(XPCLink, PolicyAndExclusionsObeyTheTimestampRule) {
 
   const Array none;
   xpc().setExclusions(&none, 0, collect());
-  EXPECT_TRUE(sink.contains("] Warn:  A setExclusions with older timestamp ! Not applied.\n"));
   EXPECT_EQ(replies.size(), 3u);
 
   // Timestamps outlive a stop; a stopped link answers NO.

@@ -1,8 +1,9 @@
+#include "log/log.h"
+
 #include <gtest/gtest.h>
 
 #include <stdexcept>
 
-#include "log/log.h"
 #include "support/capture_sink.h"
 
 LUMO_LOG_MODULE("MAC_TESTLOG")
@@ -10,15 +11,13 @@ LUMO_LOG_MODULE("MAC_TESTLOG")
 namespace {
 
 using lumo::testing::CaptureSink;
-using tarvex::itx::log::LogArg;
 using tarvex::itx::log::LogType;
-using tarvex::itx::log::renderOsLog;
 
-std::string render(const char* fmt, std::initializer_list<LogArg> args) {
-  return renderOsLog(fmt, args.begin(), args.size());
+std::string render(const char* fmt, std::initializer_list<tarvex::itx::log::LogArg> args) {
+  return tarvex::itx::log::renderOsLog(fmt, args.begin(), args.size());
 }
 
-TEST(LogFormat, RendersUnifiedLogDirectives) {
+TEST(LogFormat, RendersUnifiedLogDirectivesAndNeverReadsPastTheArguments) {
   EXPECT_EQ(render("[%s %s@%d] Info:  Succeeded to init %{public}s\n",
                    {"init", "sysextstartable.cpp", 27, "ClientDUP"}),
             "[init sysextstartable.cpp@27] Info:  Succeeded to init ClientDUP\n");
@@ -28,9 +27,6 @@ TEST(LogFormat, RendersUnifiedLogDirectives) {
   // %d takes an int: a 64-bit value is cut to 32 bits as printf would.
   EXPECT_EQ(render("%d", {static_cast<long long>(0x1'0000'0005)}), "5");
   EXPECT_EQ(render("%{public}s|%s|%{private}s", {nullptr, "x", "y"}), "(null)|x|y");
-}
-
-TEST(LogFormat, MissingArgumentsAndBrokenDirectivesDoNotReadPastTheArray) {
   EXPECT_EQ(render("a %d b %{public}s c", {}), "a 0 b (null) c");
   EXPECT_EQ(render("tail %", {}), "tail %");
   EXPECT_EQ(render("open %{public", {}), "open %{public");
@@ -41,17 +37,23 @@ void tracedThatThrows() {
   throw std::runtime_error("boom");
 }
 
+int evaluations = 0;
+const char* counted() {
+  ++evaluations;
+  return "x";
+}
+
 TEST(LogMacros, LinesCarryPrefixLevelWordAndModuleObjects) {
   CaptureSink sink;
   LOG_INFO("hello %{public}s\n", "there");
   LOG_WARN("careful\n");
   LOG_ERROR("bad %d\n", 7);
-  LOG_TRACE("step\n");
   const char* policy = nullptr;
   LOG_ASSERT(policy, "Missing argument.\n");
   LOG_ASSERT(1 + 1 == 2, "never\n");  // only a false condition logs, and nothing aborts
+  EXPECT_THROW(tracedThatThrows(), std::runtime_error);
   auto lines = sink.lines();
-  ASSERT_EQ(lines.size(), 5u);
+  ASSERT_EQ(lines.size(), 6u);
   EXPECT_EQ(lines[0].subsystem, "com.tarvex.lumo");
   EXPECT_EQ(lines[0].category, "MAC_TESTLOG");
   EXPECT_EQ(lines[0].type, LogType::Info);
@@ -62,26 +64,13 @@ TEST(LogMacros, LinesCarryPrefixLevelWordAndModuleObjects) {
   EXPECT_TRUE(lines[1].text.ends_with("] Warn:  careful\n"));
   EXPECT_EQ(lines[2].type, LogType::Error);
   EXPECT_TRUE(lines[2].text.ends_with("] Error: bad 7\n"));
-  EXPECT_EQ(lines[3].subsystem, "com.tarvex.lumo.trace");
-  EXPECT_EQ(lines[3].type, LogType::Debug);
-  EXPECT_EQ(lines[4].type, LogType::Error);
-  EXPECT_TRUE(lines[4].text.ends_with("] Assert:  Assertion failed: [ policy]Missing argument.\n"));
-}
-
-TEST(LogMacros, TracerLogsEntryAndExitEvenWhenUnwinding) {
-  CaptureSink sink;
-  EXPECT_THROW(tracedThatThrows(), std::runtime_error);
-  auto lines = sink.lines();
-  ASSERT_EQ(lines.size(), 2u);
-  EXPECT_EQ(lines[0].text, "Func:   Entering: tracedThatThrows \n ");
-  EXPECT_EQ(lines[1].text, "Func:   Exiting: tracedThatThrows \n ");
-  EXPECT_EQ(lines[1].subsystem, "com.tarvex.lumo.trace");
-}
-
-int evaluations = 0;
-const char* counted() {
-  ++evaluations;
-  return "x";
+  EXPECT_EQ(lines[3].type, LogType::Error);
+  EXPECT_TRUE(lines[3].text.ends_with("] Assert:  Assertion failed: [ policy]Missing argument.\n"));
+  // The tracer logs entry and exit, also when unwinding, as debug lines.
+  EXPECT_EQ(lines[4].text, "Func:   Entering: tracedThatThrows \n ");
+  EXPECT_EQ(lines[5].text, "Func:   Exiting: tracedThatThrows \n ");
+  EXPECT_EQ(lines[5].subsystem, "com.tarvex.lumo.trace");
+  EXPECT_EQ(lines[5].type, LogType::Debug);
 }
 
 TEST(LogMacros, DisabledDebugBuildsNoArguments) {
