@@ -11,6 +11,7 @@
 
 #include "dispatch/threadname.h"
 #include "dispatch/wakebatch.h"
+#include "es/message.h"
 #include "log/log.h"
 #include "process.skel.h"
 
@@ -58,7 +59,15 @@ int libbpfPrint(enum libbpf_print_level level, const char* format, va_list args)
 
 }  // namespace
 
-BpfProcessSource::BpfProcessSource(IEventSink& sink) : sink_(sink), decoder_(sink) {}
+BpfProcessSource::BpfProcessSource(IEventSink& sink) : sink_(sink), decoder_(relay_) {}
+
+void BpfProcessSource::Relay::deliver(Message* message) {
+  if (owner_.holding_) {
+    owner_.held_.push_back(message);
+  } else {
+    owner_.sink_.deliver(message);
+  }
+}
 
 std::unique_ptr<BpfProcessSource> BpfProcessSource::open(IEventSink& sink, std::string* why) {
   libbpf_set_print(libbpfPrint);
@@ -89,6 +98,7 @@ std::unique_ptr<BpfProcessSource> BpfProcessSource::open(IEventSink& sink, std::
 BpfProcessSource::~BpfProcessSource() {
   sink_.processes().setCatchUp(nullptr);
   stop();
+  for (Message* message : held_) delete message;  // drained with no thread to deliver them
   if (ring_ != nullptr) ring_buffer__free(ring_);
   if (skel_ != nullptr) process_bpf__destroy(skel_);
 }
@@ -159,11 +169,23 @@ void BpfProcessSource::reportDrops() {
 }
 
 void BpfProcessSource::catchUp() {
-  if (draining || stopping_.load()) return;
+  if (stopping_.load()) return;
+  drain(false);
+}
+
+void BpfProcessSource::drain(bool ownThread) {
+  if (draining) return;
   std::lock_guard<std::mutex> lock(drainMutex_);
   tarvex::itx::rtn::linux_platform::WakeBatch batch;
   draining = true;
+  if (ownThread) {
+    std::vector<Message*> held;
+    held.swap(held_);
+    for (Message* message : held) sink_.deliver(message);
+  }
+  holding_ = !ownThread;
   const int n = ring_buffer__consume(ring_);
+  holding_ = false;
   draining = false;
   if (n < 0) LOG_ERROR("Draining the process ring buffer failed: %{public}s", strerror(-n));
 }
@@ -178,15 +200,14 @@ void BpfProcessSource::run() {
       LOG_ERROR("Waiting on the process ring buffer failed: %{public}s", strerror(errno));
       std::this_thread::sleep_for(std::chrono::milliseconds(200));
     }
-    catchUp();
+    drain(true);
     const auto now = std::chrono::steady_clock::now();
     if (now - lastCheck >= std::chrono::seconds(1)) {
       reportDrops();
       lastCheck = now;
     }
   }
-  std::lock_guard<std::mutex> lock(drainMutex_);
-  ring_buffer__consume(ring_);
+  drain(true);
   reportDrops();
 }
 

@@ -5,6 +5,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "es/eventsource.h"
 #include "es/processrecord.h"
@@ -33,17 +34,39 @@ class BpfProcessSource final : public IEventSource {
 
   uint64_t dropped() const { return reportedDrops_.load(); }
   // Takes every record the kernel has written so far, on the calling
-  // thread: a file or permission event then finds its process cached.
+  // thread: a file or permission event then finds its process cached. The
+  // messages wait for the source's own thread, which delivers them on its
+  // beat with the rest: the caller wakes no observer.
   void catchUp();
 
  private:
+  // Holds the decoder's messages while another thread drains.
+  class Relay final : public IEventSink {
+   public:
+    explicit Relay(BpfProcessSource& owner) : owner_(owner) {}
+    void deliver(Message* message) override;
+    bool wants(es_event_type_t type) const override { return owner_.sink_.wants(type); }
+    ProcessCache& processes() override { return owner_.sink_.processes(); }
+    uint64_t now() override { return owner_.sink_.now(); }
+
+   private:
+    BpfProcessSource& owner_;
+  };
+
   explicit BpfProcessSource(IEventSink& sink);
   void run();
+  // Drains the ring; on the source's thread, held messages go out first.
+  void drain(bool ownThread);
   void reportDrops();
   uint64_t kernelDrops() const;
 
   IEventSink& sink_;
+  Relay relay_{*this};
   ProcessRecordDecoder decoder_;
+  // Under drainMutex_: messages of drains by other threads, and whether
+  // the drain going on is one.
+  std::vector<Message*> held_;
+  bool holding_ = false;
   process_bpf* skel_ = nullptr;
   ring_buffer* ring_ = nullptr;
   std::mutex mutex_;       // links and thread start/stop

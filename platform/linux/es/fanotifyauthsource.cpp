@@ -1,6 +1,7 @@
 #include "es/fanotifyauthsource.h"
 
 #include <fcntl.h>
+#include <link.h>
 #include <limits.h>
 #include <poll.h>
 #include <sys/fanotify.h>
@@ -46,9 +47,29 @@ bool namesFile(pid_t pid, const std::string& filename, const std::string& opened
          named.st_dev == opened.st_dev && named.st_ino == opened.st_ino;
 }
 
+// The ELF interpreter this program was started with: the loader of the
+// machine's native binaries.
+std::string nativeLoader() {
+  std::string interp;
+  dl_iterate_phdr(
+      [](dl_phdr_info* info, size_t, void* out) {
+        for (ElfW(Half) i = 0; i < info->dlpi_phnum; ++i) {
+          if (info->dlpi_phdr[i].p_type == PT_INTERP) {
+            *static_cast<std::string*>(out) =
+                reinterpret_cast<const char*>(info->dlpi_addr + info->dlpi_phdr[i].p_vaddr);
+          }
+        }
+        return 1;  // the first object is the program itself
+      },
+      &interp);
+  char resolved[PATH_MAX];
+  return !interp.empty() && realpath(interp.c_str(), resolved) != nullptr ? resolved : "";
+}
+
 }  // namespace
 
-FanotifyAuthSource::FanotifyAuthSource(LinuxEndpointSecurity& hub) : hub_(hub), self_(getpid()) {}
+FanotifyAuthSource::FanotifyAuthSource(LinuxEndpointSecurity& hub)
+    : hub_(hub), self_(getpid()), loader_(nativeLoader()) {}
 
 FanotifyAuthSource::~FanotifyAuthSource() { stop(); }
 
@@ -148,6 +169,21 @@ void FanotifyAuthSource::respond(int eventFd, bool allow) {
   close(eventFd);
 }
 
+void FanotifyAuthSource::sawInterpreter(int eventFd, const std::string& path) {
+  if (loader_.empty() || path != loader_) return;
+  // On the inode behind the event: a loader replaced by an update is a new
+  // inode, seen and marked again. Opens for reading still come.
+  if (fanotify_mark(*group_, FAN_MARK_ADD | FAN_MARK_IGNORED_MASK | FAN_MARK_IGNORED_SURV_MODIFY,
+                    FAN_OPEN_EXEC_PERM, eventFd, nullptr) == 0) {
+    LOG_INFO("Exec permission events of the loader %{public}s are no longer asked for.",
+             path.c_str());
+  } else {
+    LOG_ERROR("Ignoring exec permission events of %{public}s failed: %{public}s", path.c_str(),
+              strerror(errno));
+    loader_.clear();  // not again for every exec
+  }
+}
+
 void FanotifyAuthSource::handle(int eventFd, uint64_t mask, pid_t pid) {
   // Never make ourselves wait: our handlers may open watched files.
   if (pid == self_) {
@@ -162,7 +198,10 @@ void FanotifyAuthSource::handle(int eventFd, uint64_t mask, pid_t pid) {
     call = readExecCall(pid, /*withArgs=*/false);
     path = pathOfFd(eventFd);
     // The loader and a script's interpreter are opened for exec too.
-    if (call && !namesFile(pid, call->filename, path, eventFd)) call.reset();
+    if (call && !namesFile(pid, call->filename, path, eventFd)) {
+      sawInterpreter(eventFd, path);
+      call.reset();
+    }
     if (!call) LOG_DEBUG("Exec open by pid %d is not the image an execve names; allowed.", pid);
   }
   if (!(exec && call) && !open) {

@@ -22,7 +22,11 @@ class LinuxEndpointSecurity;
 //
 // Only the opening of the image an execve names becomes an AUTH_EXEC (its
 // loader and a script's interpreter are allowed at once); a script is the
-// target itself. Its arguments are read from the blocked caller only when
+// target itself. The system's own ELF loader, once seen opened for an
+// exec, gets an ignore mark: the kernel stops asking for it, which halves
+// the round trips of an exec. Run directly (`ld.so prog`), it then goes
+// without an AUTH_EXEC, as the program it loads does anyway (that one is
+// opened, not executed). Its arguments are read from the blocked caller only when
 // an observer asks for them. An AUTH_OPEN does not know the access the
 // caller asked for (the event's descriptor is the group's): answer flags
 // of 0 deny, any others allow.
@@ -42,9 +46,13 @@ class FanotifyAuthSource final : public IEventSource {
   void run();
   void handle(int eventFd, uint64_t mask, pid_t pid);
   void respond(int eventFd, bool allow);
+  // An exec open that was not the image: the native loader gets its ignore
+  // mark.
+  void sawInterpreter(int eventFd, const std::string& path);
 
   LinuxEndpointSecurity& hub_;
   const pid_t self_;
+  std::string loader_;  // the native ELF loader, resolved; empty once marking it failed
   std::mutex mutex_;
   // Shared with pending answers: the group stays open until the last one.
   std::shared_ptr<int> group_;
