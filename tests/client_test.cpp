@@ -26,18 +26,18 @@ TEST_F(ClientLifecycle, StartSubscribesTheUnionOnceAndStopDeletesTheClientOnce) 
   EXPECT_FALSE(client->registerObserver(nullptr));
   observe("A", {ES_EVENT_TYPE_NOTIFY_CLOSE, ES_EVENT_TYPE_NOTIFY_OPEN});
   observe("B", {ES_EVENT_TYPE_NOTIFY_CLOSE, ES_EVENT_TYPE_AUTH_EXEC});
-  EXPECT_TRUE(es.subscriptionCalls().empty());
+  EXPECT_TRUE(es.record().clients[0].calls.empty());
   ASSERT_TRUE(client->start());
-  ASSERT_EQ(es.subscriptionCalls().size(), 1u);
+  ASSERT_EQ(es.record().clients[0].calls.size(), 1u);
   EXPECT_EQ(
-      es.subscriptionCalls()[0].events,
+      es.record().clients[0].calls[0].events,
       (Events{ES_EVENT_TYPE_AUTH_EXEC, ES_EVENT_TYPE_NOTIFY_OPEN, ES_EVENT_TYPE_NOTIFY_CLOSE}));
   es.failCall(Call::Subscribe);
   EXPECT_FALSE(client->start());
   EXPECT_TRUE(client->stop());
   EXPECT_TRUE(client->stop());
-  EXPECT_EQ(es.callCount(Call::DeleteClient), 1u);
-  EXPECT_TRUE(es.clientDeleted());
+  EXPECT_EQ(es.record().calls[Call::DeleteClient], 1u);
+  EXPECT_TRUE(es.record().clients[0].deleted);
 }
 
 TEST_F(ClientLifecycle, AFailedNewClientLeavesNothingToStart) {
@@ -50,7 +50,7 @@ TEST_F(ClientLifecycle, AFailedNewClientLeavesNothingToStart) {
   EXPECT_FALSE(client->init());
   observe("A", {ES_EVENT_TYPE_NOTIFY_OPEN});
   EXPECT_FALSE(client->start());
-  EXPECT_EQ(es.clientCount(), 0u);
+  EXPECT_EQ(es.record().clients.size(), 0u);
 }
 
 using ClientDispatch = lumo::testing::ClientFixture;
@@ -172,7 +172,7 @@ class ClientSwitchMode : public lumo::testing::ClientFixture {
     return ok;
   }
   Events lastCall(bool subscribe) {
-    auto calls = es.subscriptionCalls();
+    auto calls = es.record().clients[0].calls;
     if (calls.empty() || calls.back().subscribe != subscribe) return {};
     return calls.back().events;
   }
@@ -200,14 +200,14 @@ TEST_F(ClientSwitchMode, ChangesOnlyTypesNoOtherActiveObserverNeeds) {
   // Now the file observer is off and is not counted.
   ASSERT_TRUE(switchGroup(TagPrinterObserver, false));
   EXPECT_EQ(lastCall(false), (Events{ES_EVENT_TYPE_AUTH_EXEC, ES_EVENT_TYPE_NOTIFY_RENAME}));
-  EXPECT_TRUE(es.subscriptions().empty());
+  EXPECT_TRUE(es.record().clients[0].subscribed.empty());
 
   // Observers already in the requested state are skipped.
-  const size_t before = es.subscriptionCalls().size();
+  const size_t before = es.record().clients[0].calls.size();
   ASSERT_TRUE(switchGroup(TagProcObserver, false));
-  EXPECT_EQ(es.subscriptionCalls().size(), before);
+  EXPECT_EQ(es.record().clients[0].calls.size(), before);
   ASSERT_TRUE(switchGroup(TagAllObservers, true));
-  EXPECT_EQ(es.subscriptions().size(), 5u);
+  EXPECT_EQ(es.record().clients[0].subscribed.size(), 5u);
   // Every entry of the whole group counts, repeats included (RENAME twice).
   EXPECT_EQ(lastCall(true).size(), 6u);
 
@@ -217,7 +217,7 @@ TEST_F(ClientSwitchMode, ChangesOnlyTypesNoOtherActiveObserverNeeds) {
   EXPECT_FALSE(endpointsecurity::Client().switchMode(TagProcObserver, true));  // not initialised
   client->stop();
   EXPECT_TRUE(client->switchMode(TagFileObserver, false));
-  EXPECT_EQ(es.callCount(Call::Unsubscribe), 3u);
+  EXPECT_EQ(es.record().calls[Call::Unsubscribe], 3u);
 }
 
 class ClientMuting : public lumo::testing::ClientFixture {
@@ -235,12 +235,12 @@ TEST_F(ClientMuting, ExclusionsReplaceEveryKindOfMuteAndFailuresNeverFailTheUpda
   es.addMutedProcess(lumo::testing::makeToken(signedBy("old", 5)));
   for (int round = 0; round < 2; ++round) {
     ASSERT_TRUE(client->applyExclusions({"/opt/a/bin/tool"}, {"/opt/b/"}, {"com.vendor.agent"}));
-    EXPECT_TRUE(es.mutedProcessTokens().empty());  // the old process mute is gone
+    EXPECT_TRUE(es.record().mutedProcesses.empty());  // the old process mute is gone
     // The daemon's first, then the product's own directories, then a fixed table.
-    const auto literals = es.mutedLiterals();
+    const auto literals = es.record().mutedLiterals;
     ASSERT_EQ(literals.size(), 9u);
     EXPECT_EQ(literals.front(), "/opt/a/bin/tool");
-    const auto prefixes = es.mutedPrefixes();
+    const auto prefixes = es.record().mutedPrefixes;
     ASSERT_EQ(prefixes.size(), 1u + 2u + 9u);
     EXPECT_EQ(prefixes[0], "/opt/b/");
     EXPECT_EQ(prefixes[1], "/opt/tarvex/lumo/EP/");
@@ -249,8 +249,8 @@ TEST_F(ClientMuting, ExclusionsReplaceEveryKindOfMuteAndFailuresNeverFailTheUpda
     es.failCall(call);
   }
   EXPECT_TRUE(client->applyExclusions({"/x/tool"}, {"/y/"}, {}));
-  EXPECT_EQ(es.callCount(Call::UnmuteAllPaths), 3u);        // paths were still unmuted
-  EXPECT_EQ(es.callCount(Call::MutePathLiteral), 3u * 9u);  // and all tried
+  EXPECT_EQ(es.record().calls[Call::UnmuteAllPaths], 3u);        // paths were still unmuted
+  EXPECT_EQ(es.record().calls[Call::MutePathLiteral], 3u * 9u);  // and all tried
   EXPECT_TRUE(sink.contains("] Error: es_mute_path_prefix failed for [/y/]. Err:1"));
   es.failCall(Call::MutedProcesses, false);
   es.failCall(Call::UnmuteProcess);
@@ -258,7 +258,7 @@ TEST_F(ClientMuting, ExclusionsReplaceEveryKindOfMuteAndFailuresNeverFailTheUpda
   EXPECT_FALSE(client->unMuteAllExclusions());
   client->stop();
   EXPECT_TRUE(client->applyExclusions({"/x"}, {"/y/"}, {"z"}));  // ignored once stopped
-  EXPECT_EQ(es.callCount(Call::UnmuteAllPaths), 4u);
+  EXPECT_EQ(es.record().calls[Call::UnmuteAllPaths], 4u);
 }
 
 TEST_F(ClientMuting, ListedProcessesAreMutedOnTheFlyAndNeverReachObservers) {
@@ -277,7 +277,7 @@ TEST_F(ClientMuting, ListedProcessesAreMutedOnTheFlyAndNeverReachObservers) {
   auto answers = es.answers(open->get());
   ASSERT_EQ(answers.size(), 1u);
   EXPECT_EQ(answers[0].flags, 0xFFFFFFFFu);
-  auto muted = es.mutedProcessTokens();
+  auto muted = es.record().mutedProcesses;
   ASSERT_EQ(muted.size(), 2u);
   EXPECT_EQ(audit_token_to_pid(muted[0]), 31);
   EXPECT_EQ(audit_token_to_pid(muted[1]), 32);

@@ -71,7 +71,7 @@ class ClientProxyTest : public ::testing::Test {
       on.push_back(o->isActive());
       if (o->isActive()) wanted.insert(o->eventTypes().begin(), o->eventTypes().end());
     }
-    EXPECT_EQ(es.subscriptions(0), wanted);
+    EXPECT_EQ(es.record().clients[0].subscribed, wanted);
     return on;
   }
   SysExtXPCClient& xpc() { return SysExtXPCClient::sharedInstance(); }
@@ -85,15 +85,15 @@ class ClientProxyTest : public ::testing::Test {
 };
 
 TEST_F(ClientProxyTest, InitAppliesTheDefaultExclusionsToBothClientsAndSwitchesNothingOn) {
-  EXPECT_EQ(es.clientCount(), 2u);
+  EXPECT_EQ(es.record().clients.size(), 2u);
   // Other vendors' security products are muted from the start.
   const SysextExclusions defaults = proxy->config().exclusions();
   EXPECT_EQ(defaults.pathPrefixes.back(), "/Applications/Bitdefender/");
   EXPECT_EQ(defaults.bundleIds.back(), "com.crowdstrike.falcon.Agent");
-  EXPECT_EQ(es.mutedPrefixes()[0], defaults.pathPrefixes[0]);
+  EXPECT_EQ(es.record().mutedPrefixes[0], defaults.pathPrefixes[0]);
   EXPECT_EQ(sink.count("] Debug:  Going to mute path [" + defaults.pathPrefixes[0] + "]"), 2u);
   EXPECT_EQ(modes(), (Modes{false, false, false}));
-  EXPECT_TRUE(es.subscriptionCalls(0).empty());
+  EXPECT_TRUE(es.record().clients[0].calls.empty());
 }
 
 TEST_F(ClientProxyTest, EachFeatureSwitchesTheObserversItNeeds) {
@@ -128,8 +128,8 @@ TEST_F(ClientProxyTest, StopReleasesEverythingButKeepsTheExclusions) {
 
   proxy->stop();
   // Switched off before the clients went.
-  EXPECT_TRUE(es.subscriptions(0).empty());
-  EXPECT_TRUE(es.clientDeleted(0) && es.clientDeleted(1));
+  EXPECT_TRUE(es.record().clients[0].subscribed.empty());
+  EXPECT_TRUE(es.record().clients[0].deleted && es.record().clients[1].deleted);
   EXPECT_TRUE(proxy->director().components().empty());
   // No client is left to take exclusions; they are stored all the same.
   EXPECT_TRUE(proxy->applyExclusions({}, {"/opt/other/"}, {"com.x.y"}));

