@@ -187,13 +187,20 @@ std::optional<std::string> FanotifyFileSource::path(const std::string& key) {
   auto cached = resolved_.find(key);
   if (cached != resolved_.end()) {
     Resolved& known = cached->second;
-    if (known.checkedIn == read_) return known.path;
     struct stat st{};
-    if (lstat(known.path.c_str(), &st) == 0 && st.st_dev == known.dev && st.st_ino == known.ino) {
-      known.checkedIn = read_;
+    if (known.checkedIn != read_ &&
+        (lstat(known.path.c_str(), &st) != 0 || st.st_dev != known.st.st_dev ||
+         st.st_ino != known.st.st_ino)) {
+      if (lastDir_ == &known) lastDir_ = nullptr;
+      resolved_.erase(cached);
+    } else {
+      if (known.checkedIn != read_) {
+        known.st = st;
+        known.checkedIn = read_;
+      }
+      if (S_ISDIR(known.st.st_mode)) lastDir_ = &known;
       return known.path;
     }
-    resolved_.erase(cached);
   }
   std::string mountPath;
   {
@@ -222,13 +229,21 @@ std::optional<std::string> FanotifyFileSource::path(const std::string& key) {
   if (path.size() > kDeleted.size() && path.ends_with(kDeleted)) {
     path.resize(path.size() - kDeleted.size());
   } else if (statted) {
-    if (resolved_.size() >= kResolvedPaths) resolved_.clear();
-    resolved_[key] = Resolved{path, st.st_dev, st.st_ino, read_};
+    if (resolved_.size() >= kResolvedPaths) {
+      resolved_.clear();
+      lastDir_ = nullptr;
+    }
+    Resolved& known = resolved_[key] = Resolved{path, st, read_};
+    if (S_ISDIR(st.st_mode)) lastDir_ = &known;
   }
   return path;
 }
 
 bool FanotifyFileSource::stat(const std::string& path, struct stat* st) {
+  if (lastDir_ != nullptr && lastDir_->checkedIn == read_ && lastDir_->path == path) {
+    *st = lastDir_->st;
+    return true;
+  }
   return lstat(path.c_str(), st) == 0;
 }
 

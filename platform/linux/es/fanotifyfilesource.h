@@ -37,8 +37,7 @@ class FanotifyFileSource final : public IEventSource, private IHandleResolver {
   };
   struct Resolved {
     std::string path;
-    dev_t dev;
-    ino_t ino;
+    struct stat st;      // as last checked
     uint64_t checkedIn;  // the read it was last found still true in
   };
 
@@ -63,6 +62,9 @@ class FanotifyFileSource final : public IEventSource, private IHandleResolver {
   // Reader thread only.
   std::unordered_map<std::string, Resolved> resolved_;
   uint64_t read_ = 0;  // reads so far
+  // The directory last resolved: its events' files and their parent's stat
+  // come one after another.
+  const Resolved* lastDir_ = nullptr;
   std::thread thread_;
   std::atomic<bool> stopping_{false};
 };

@@ -3,11 +3,14 @@
 #include <errno.h>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <system_error>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "dispatch/threadname.h"
 #include "log/log.h"
@@ -23,6 +26,7 @@ namespace {
 
 // Frames read per wake-up before queued writes get their turn.
 constexpr int kFramesPerWake = 64;
+constexpr size_t kFramesPerSend = 64;
 
 struct ThreadCount {
   std::mutex mutex;
@@ -293,26 +297,47 @@ std::optional<LinkChannel::End> LinkChannel::readFrames(std::string* why) {
 
 std::optional<LinkChannel::End> LinkChannel::writeFrames(std::string* why) {
   for (;;) {
-    Outgoing out;
+    // Up to kFramesPerSend frames go in one system call.
+    std::vector<Outgoing> batch;
     size_t dropped = 0;
     {
       std::lock_guard lock(mutex_);
-      if (outbox_.empty()) {
-        std::swap(dropped, droppedWhileFull_);
-      } else {
-        out = std::move(outbox_.front());
+      if (outbox_.empty()) std::swap(dropped, droppedWhileFull_);
+      const size_t n = std::min(outbox_.size(), kFramesPerSend);
+      batch.reserve(n);
+      for (size_t i = 0; i < n; ++i) {
+        batch.push_back(std::move(outbox_.front()));
         outbox_.pop_front();
       }
     }
-    if (out.bytes.empty()) {
+    if (batch.empty()) {
       if (dropped > 0) {
         LOG_WARN("Send queue of the link to %{public}s drained; %zu calls were dropped\n",
                  settings_.serviceName.c_str(), dropped);
       }
       return std::nullopt;
     }
-    if (::send(fd_, out.bytes.data(), out.bytes.size(), MSG_NOSIGNAL) >= 0) continue;
+    iovec parts[kFramesPerSend];
+    mmsghdr messages[kFramesPerSend] = {};
+    for (size_t i = 0; i < batch.size(); ++i) {
+      parts[i] = {batch[i].bytes.data(), batch[i].bytes.size()};
+      messages[i].msg_hdr.msg_iov = &parts[i];
+      messages[i].msg_hdr.msg_iovlen = 1;
+    }
+    const int sent = sendmmsg(fd_, messages, static_cast<unsigned>(batch.size()), MSG_NOSIGNAL);
     const int err = errno;
+    // What was not sent goes back to the front, in order.
+    const size_t done = sent > 0 ? static_cast<size_t>(sent) : 0;
+    auto unsent = [&](size_t from) {
+      std::lock_guard lock(mutex_);
+      for (size_t i = batch.size(); i-- > from;) outbox_.push_front(std::move(batch[i]));
+    };
+    if (done == batch.size()) continue;
+    if (done > 0) {
+      unsent(done);  // tried again: an error shows on the first of them
+      continue;
+    }
+    Outgoing& out = batch.front();
     if (err == EMSGSIZE) {
       // The socket's buffers are smaller than a full frame (no privilege to
       // raise them): this call is lost, the link is not.
@@ -325,12 +350,10 @@ std::optional<LinkChannel::End> LinkChannel::writeFrames(std::string* why) {
         awaited_.erase(*out.replyId);
       }
       if (out.onError) out.onError(text);
+      unsent(1);
       continue;
     }
-    {
-      std::lock_guard lock(mutex_);
-      outbox_.push_front(std::move(out));  // still unsent: reported when the link ends
-    }
+    unsent(0);  // still unsent: reported when the link ends
     if (err == EAGAIN || err == EWOULDBLOCK || err == EINTR) return std::nullopt;
     if (err == EPIPE || err == ECONNRESET) return End::PeerGone;
     *why = "cannot write to the socket: " + errnoText(err);
