@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
@@ -25,18 +26,44 @@ using namespace lumo::refdaemon;
 using tarvex::itx::xpc::IXPCConnector;
 namespace transport = tarvex::itx::xpc::linux_platform;
 
-// stdout, one whole line per call, flushed so a pipe sees it at once.
+// stdout, one whole line per call. A pipe sees the lines within kFlushDelay:
+// a busy machine sends thousands a second, and a write each would cost the
+// machine more than the watching does.
 class LineWriter {
  public:
+  LineWriter() {
+    std::setvbuf(stdout, nullptr, _IOFBF, 1 << 16);
+    std::thread([this] { flushLoop(); }).detach();
+  }
+
   void write(const std::string& line) {
     std::lock_guard lock(mutex_);
     std::fputs(line.c_str(), stdout);
     std::fputc('\n', stdout);
-    std::fflush(stdout);
+    if (!dirty_) {
+      dirty_ = true;
+      written_.notify_one();
+    }
   }
 
  private:
+  static constexpr auto kFlushDelay = std::chrono::milliseconds(10);
+
+  void flushLoop() {
+    std::unique_lock lock(mutex_);
+    for (;;) {
+      written_.wait(lock, [this] { return dirty_; });
+      lock.unlock();
+      std::this_thread::sleep_for(kFlushDelay);
+      lock.lock();
+      std::fflush(stdout);
+      dirty_ = false;
+    }
+  }
+
   std::mutex mutex_;
+  std::condition_variable written_;
+  bool dirty_ = false;
 };
 
 void readCommands(RefDaemon& daemon, LineWriter& out) {
@@ -83,7 +110,8 @@ int main(int argc, char** argv) {
   sigaddset(&stopSignals, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
-  static LineWriter out;  // the command reader may outlive main's scope
+  // Never destroyed: the command reader and the flusher outlive main's scope.
+  static LineWriter& out = *new LineWriter;
   auto daemon = RefDaemon::create(options.settings, [](const std::string& line) {
     out.write(line);
   });
