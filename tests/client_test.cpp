@@ -20,13 +20,20 @@ using Events = std::vector<es_event_type_t>;
 using ClientLifecycle = lumo::testing::ClientFixture;
 
 TEST_F(ClientLifecycle, StartSubscribesTheUnionOnceAndStopDeletesTheClientOnce) {
+  // Without a client from the facility there is nothing to start.
+  for (auto result : {ES_NEW_CLIENT_RESULT_ERR_NOT_PRIVILEGED, ES_NEW_CLIENT_RESULT_SUCCESS}) {
+    es.setNewClientResult(result, /*returnHandle=*/false);
+    EXPECT_FALSE(client->init());
+  }
+  EXPECT_TRUE(sink.contains("] Error: es_new_client failed. The caller is not running as root."));
+  observe("A", {ES_EVENT_TYPE_NOTIFY_CLOSE, ES_EVENT_TYPE_NOTIFY_OPEN});
+  EXPECT_FALSE(client->start());
+  es.setNewClientResult(ES_NEW_CLIENT_RESULT_SUCCESS);
   es.failCall(Call::ClearCache);  // logged and ignored
   ASSERT_TRUE(client->init());
-  EXPECT_FALSE(client->start());  // no observers
-  EXPECT_FALSE(client->registerObserver(nullptr));
-  observe("A", {ES_EVENT_TYPE_NOTIFY_CLOSE, ES_EVENT_TYPE_NOTIFY_OPEN});
   observe("B", {ES_EVENT_TYPE_NOTIFY_CLOSE, ES_EVENT_TYPE_AUTH_EXEC});
-  EXPECT_TRUE(es.record().clients[0].calls.empty());
+  EXPECT_FALSE(client->registerObserver(nullptr));
+  EXPECT_TRUE(es.record().clients.at(0).calls.empty());
   ASSERT_TRUE(client->start());
   ASSERT_EQ(es.record().clients[0].calls.size(), 1u);
   EXPECT_EQ(
@@ -38,19 +45,6 @@ TEST_F(ClientLifecycle, StartSubscribesTheUnionOnceAndStopDeletesTheClientOnce) 
   EXPECT_TRUE(client->stop());
   EXPECT_EQ(es.record().calls[Call::DeleteClient], 1u);
   EXPECT_TRUE(es.record().clients[0].deleted);
-}
-
-TEST_F(ClientLifecycle, AFailedNewClientLeavesNothingToStart) {
-  for (auto result : {ES_NEW_CLIENT_RESULT_ERR_NOT_PRIVILEGED, es_new_client_result_t(42)}) {
-    es.setNewClientResult(result);
-    EXPECT_FALSE(endpointsecurity::Client().init());
-  }
-  EXPECT_TRUE(sink.contains("] Error: es_new_client failed. The caller is not running as root."));
-  es.setNewClientResult(ES_NEW_CLIENT_RESULT_SUCCESS, /*returnHandle=*/false);
-  EXPECT_FALSE(client->init());
-  observe("A", {ES_EVENT_TYPE_NOTIFY_OPEN});
-  EXPECT_FALSE(client->start());
-  EXPECT_EQ(es.record().clients.size(), 0u);
 }
 
 using ClientDispatch = lumo::testing::ClientFixture;
@@ -235,12 +229,12 @@ TEST_F(ClientMuting, ExclusionsReplaceEveryKindOfMuteAndFailuresNeverFailTheUpda
   es.addMutedProcess(lumo::testing::makeToken(signedBy("old", 5)));
   for (int round = 0; round < 2; ++round) {
     ASSERT_TRUE(client->applyExclusions({"/opt/a/bin/tool"}, {"/opt/b/"}, {"com.vendor.agent"}));
-    EXPECT_TRUE(es.record().mutedProcesses.empty());  // the old process mute is gone
+    EXPECT_TRUE(es.record().clients[0].mutedProcesses.empty());  // the old process mute is gone
     // The daemon's first, then the product's own directories, then a fixed table.
-    const auto literals = es.record().mutedLiterals;
+    const auto literals = es.record().clients[0].mutedLiterals;
     ASSERT_EQ(literals.size(), 9u);
     EXPECT_EQ(literals.front(), "/opt/a/bin/tool");
-    const auto prefixes = es.record().mutedPrefixes;
+    const auto prefixes = es.record().clients[0].mutedPrefixes;
     ASSERT_EQ(prefixes.size(), 1u + 2u + 9u);
     EXPECT_EQ(prefixes[0], "/opt/b/");
     EXPECT_EQ(prefixes[1], "/opt/tarvex/lumo/EP/");
@@ -277,7 +271,7 @@ TEST_F(ClientMuting, ListedProcessesAreMutedOnTheFlyAndNeverReachObservers) {
   auto answers = es.answers(open->get());
   ASSERT_EQ(answers.size(), 1u);
   EXPECT_EQ(answers[0].flags, 0xFFFFFFFFu);
-  auto muted = es.record().mutedProcesses;
+  auto muted = es.record().clients[0].mutedProcesses;
   ASSERT_EQ(muted.size(), 2u);
   EXPECT_EQ(audit_token_to_pid(muted[0]), 31);
   EXPECT_EQ(audit_token_to_pid(muted[1]), 32);

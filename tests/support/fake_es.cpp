@@ -86,8 +86,8 @@ void FakeEndpointSecurity::releaseMessage(const es_message_t* message) {
 }
 
 es_return_t FakeEndpointSecurity::unmuteProcess(es_client_t* client, const audit_token_t* token) {
-  return result(act(Call::UnmuteProcess, client, [&](Client&) {
-    std::erase_if(record_.mutedProcesses,
+  return result(act(Call::UnmuteProcess, client, [&](Client& s) {
+    std::erase_if(s.mutedProcesses,
                   [&](const audit_token_t& t) { return !std::memcmp(&t, token, sizeof t); });
   }));
 }

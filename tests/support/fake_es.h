@@ -38,6 +38,9 @@ class FakeEndpointSecurity : public endpointsecurity::IEndpointSecurityApi {
     std::set<es_event_type_t> subscribed;
     std::vector<SubscriptionCall> calls;
     bool deleted = false;
+    std::vector<std::string> mutedPrefixes;
+    std::vector<std::string> mutedLiterals;
+    std::vector<audit_token_t> mutedProcesses;
   };
   // Everything the facility saw, as the test reads it.
   struct Record {
@@ -45,15 +48,14 @@ class FakeEndpointSecurity : public endpointsecurity::IEndpointSecurityApi {
     std::map<Call, size_t> calls;
     std::map<const es_message_t*, int> retained;
     std::map<const es_message_t*, std::vector<Answer>> answers;
-    std::vector<std::string> mutedPrefixes;
-    std::vector<std::string> mutedLiterals;
-    std::vector<audit_token_t> mutedProcesses;
   };
 
   // Fails the test for every delivered message still retained.
   ~FakeEndpointSecurity() override;
 
-  Record record() const { return locked([&] { return record_; }); }
+  Record record() const {
+    return locked([&] { return record_; });
+  }
   std::vector<Answer> answers(const es_message_t* message) const {
     return locked([&] {
       const auto it = record_.answers.find(message);
@@ -61,7 +63,8 @@ class FakeEndpointSecurity : public endpointsecurity::IEndpointSecurityApi {
     });
   }
   int retainCount(const es_message_t* message) const {
-    return locked([&] { return record_.retained.count(message) ? record_.retained.at(message) : 0; });
+    return locked(
+        [&] { return record_.retained.count(message) ? record_.retained.at(message) : 0; });
   }
   // Changes what calls do: fail, or what es_new_client gives.
   void failCall(Call call, bool fail = true) {
@@ -70,8 +73,8 @@ class FakeEndpointSecurity : public endpointsecurity::IEndpointSecurityApi {
   void setNewClientResult(es_new_client_result_t result, bool returnHandle = true) {
     locked([&] { newClientResult_ = result, newClientHandle_ = returnHandle; });
   }
-  void addMutedProcess(const audit_token_t& t) {
-    locked([&] { record_.mutedProcesses.push_back(t); });
+  void addMutedProcess(const audit_token_t& t, size_t client = 0) {
+    locked([&] { record_.clients.at(client).mutedProcesses.push_back(t); });
   }
 
   // Delivers on the calling thread, which plays the facility's delivery
@@ -123,30 +126,30 @@ class FakeEndpointSecurity : public endpointsecurity::IEndpointSecurityApi {
   void retainMessage(const es_message_t* message) override;
   void releaseMessage(const es_message_t* message) override;
   es_return_t muteProcess(es_client_t* c, const audit_token_t* token) override {
-    return result(act(Call::MuteProcess, c,
-                      [&](Client&) { record_.mutedProcesses.push_back(*token); }));
+    return result(
+        act(Call::MuteProcess, c, [&](Client& s) { s.mutedProcesses.push_back(*token); }));
   }
   es_return_t unmuteProcess(es_client_t* c, const audit_token_t* token) override;
   es_return_t mutedProcesses(es_client_t* c, size_t* count, audit_token_t** tokens) override {
-    return result(act(Call::MutedProcesses, c, [&](Client&) {
-      *count = record_.mutedProcesses.size();
+    return result(act(Call::MutedProcesses, c, [&](Client& s) {
+      *count = s.mutedProcesses.size();
       *tokens = new audit_token_t[*count + 1];
-      std::copy(record_.mutedProcesses.begin(), record_.mutedProcesses.end(), *tokens);
+      std::copy(s.mutedProcesses.begin(), s.mutedProcesses.end(), *tokens);
     }));
   }
   void releaseMutedProcesses(audit_token_t* tokens, size_t) override { delete[] tokens; }
   es_return_t mutePathPrefix(es_client_t* c, const char* prefix) override {
-    return result(act(Call::MutePathPrefix, c,
-                      [&](Client&) { record_.mutedPrefixes.emplace_back(prefix); }));
+    return result(
+        act(Call::MutePathPrefix, c, [&](Client& s) { s.mutedPrefixes.push_back(prefix); }));
   }
   es_return_t mutePathLiteral(es_client_t* c, const char* path) override {
-    return result(act(Call::MutePathLiteral, c,
-                      [&](Client&) { record_.mutedLiterals.emplace_back(path); }));
+    return result(
+        act(Call::MutePathLiteral, c, [&](Client& s) { s.mutedLiterals.push_back(path); }));
   }
   es_return_t unmuteAllPaths(es_client_t* c) override {
-    return result(act(Call::UnmuteAllPaths, c, [&](Client&) {
-      record_.mutedPrefixes.clear();
-      record_.mutedLiterals.clear();
+    return result(act(Call::UnmuteAllPaths, c, [&](Client& s) {
+      s.mutedPrefixes.clear();
+      s.mutedLiterals.clear();
     }));
   }
   // The message builder keeps the arguments as an array of strings.
