@@ -90,7 +90,7 @@ QueueRef LinuxDispatch::makeQueueLocked(std::string label, QosClass qos) {
                               std::move(check));
     };
   }
-  auto pool = std::make_shared<WorkerPool>(label, cap, limits_.idleTimeout, spin, recruiting);
+  auto pool = std::make_shared<WorkerPool>(label, cap, limits_.idleTimeout, spin, recruiting, qos);
   if (closing_) {
     pool->shutdown();  // no threads yet, so nothing is joined under the lock
   } else {

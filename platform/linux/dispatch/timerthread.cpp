@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "dispatch/threadname.h"
+#include "dispatch/threadpriority.h"
 
 namespace tarvex::itx::rtn::linux_platform {
 
@@ -129,6 +130,8 @@ void TimerThread::stop() {
 
 void TimerThread::run() {
   nameThread("lumo.timer");
+  // AUTH deadlines come from here.
+  prioritiseThread(QosClass::UserInteractive);
   Book& book = *book_;
   std::vector<Book::Due> due;
   for (;;) {

@@ -5,17 +5,19 @@
 #include <utility>
 
 #include "dispatch/threadname.h"
+#include "dispatch/threadpriority.h"
 #include "dispatch/wakebatch.h"
 
 namespace tarvex::itx::rtn::linux_platform {
 
 WorkerPool::WorkerPool(std::string name, unsigned maxThreads, std::chrono::milliseconds idleTimeout,
-                       std::chrono::microseconds spin, Recruiting recruiting)
+                       std::chrono::microseconds spin, Recruiting recruiting, QosClass qos)
     : name_(std::move(name)),
       maxThreads_(std::max(maxThreads, 1u)),
       idleTimeout_(idleTimeout),
       spin_(spin),
-      recruiting_(recruiting) {}
+      recruiting_(recruiting),
+      qos_(qos) {}
 
 WorkerPool::~WorkerPool() { shutdown(); }
 
@@ -177,6 +179,7 @@ void WorkerPool::spawnLocked() {
 
 void WorkerPool::workerMain() {
   nameThread(name_);
+  prioritiseThread(qos_);
   std::unique_lock lock(mutex_);
   --starting_;
   // Spinning pays only when work comes back within the spin; after a sleep

@@ -37,7 +37,7 @@ class WorkerPool : public std::enable_shared_from_this<WorkerPool> {
  public:
   WorkerPool(std::string name, unsigned maxThreads, std::chrono::milliseconds idleTimeout,
              std::chrono::microseconds spin = std::chrono::microseconds(0),
-             Recruiting recruiting = {});
+             Recruiting recruiting = {}, QosClass qos = QosClass::Default);
   ~WorkerPool();
   WorkerPool(const WorkerPool&) = delete;
   WorkerPool& operator=(const WorkerPool&) = delete;
@@ -79,6 +79,7 @@ class WorkerPool : public std::enable_shared_from_this<WorkerPool> {
   const std::chrono::milliseconds idleTimeout_;
   const std::chrono::microseconds spin_;
   const Recruiting recruiting_;
+  const QosClass qos_;
 
   std::mutex mutex_;
   std::condition_variable wake_;

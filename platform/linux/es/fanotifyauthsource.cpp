@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "dispatch/threadname.h"
+#include "dispatch/threadpriority.h"
 #include "es/execcall.h"
 #include "es/linuxendpointsecurity.h"
 #include "es/message.h"
@@ -245,6 +246,8 @@ void FanotifyAuthSource::handle(int eventFd, uint64_t mask, pid_t pid) {
 
 void FanotifyAuthSource::run() {
   tarvex::itx::rtn::linux_platform::nameThread("lumo-es-fanauth");
+  // Every exec on the machine waits on this thread.
+  tarvex::itx::rtn::linux_platform::prioritiseThread(tarvex::itx::rtn::QosClass::UserInteractive);
   const int mounts = open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC);
   std::vector<char> buffer(64 * 1024);
   std::string pendingTable;
