@@ -138,34 +138,6 @@ TEST_F(ClientProxyTest, StopReleasesEverythingButKeepsTheExclusions) {
   EXPECT_TRUE(proxy->start());
 }
 
-TEST(XPCSend, TextThatIsNotUtf8DropsTheEventWithItsAssertLines) {
-  lumo::testing::CaptureSink sink;
-  lumo::testing::FakeDaemonLink link;
-  auto& xpc = SysExtXPCClient::sharedInstance();
-  // Truncated, overlong, a surrogate, too high, a stray continuation byte.
-  for (const char* bad : {"\xc3", "\xe0\x80\xaf", "\xed\xa0\x80", "\xf4\x90\x80\x80", "a\x80"}) {
-    sysext::FileEvent file;
-    file.set_filename2(bad);
-    xpc.sendFileEvent(&file);
-  }
-  sysext::ProcEvent proc;
-  proc.set_cmd("bad \xc0\xaf");
-  sysext::PrinterEvent printer;
-  printer.set_filename("\xed\xa0\x80");
-  xpc.sendPrinterEvent(&printer);
-  xpc.sendProcessStartEvent(&proc);
-  xpc.sendProcessExitEvent(&proc);
-  EXPECT_EQ(link.daemon().count(), 0u);
-  sysext::FileEvent fine;
-  fine.set_filename1("/Users/jörg/日本/😀");
-  xpc.sendFileEvent(&fine);
-  EXPECT_EQ(link.daemon().count(), 1u);
-  const std::string assertion = "] Assert:  Assertion failed: [ ";
-  EXPECT_EQ(sink.count(assertion + "eventDict]Error converting event to dictionary.\n"), 7u);
-  EXPECT_EQ(sink.count(assertion + "eventDict]Error creating event dictionary.\n"), 1u);
-  EXPECT_EQ(sink.count(assertion + "0]Error creating event dictionary. Reason:"), 8u);
-}
-
 // One exclusion entry; an empty value leaves its key out.
 Value exclusion(const std::string& bundleId, const std::string& path, unsigned pathOp,
                 const std::string& prefix, unsigned prefixOp) {

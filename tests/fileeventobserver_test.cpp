@@ -125,18 +125,14 @@ TEST_F(FileEventObserverTest, RecordsOfEachKindSkippingOnlyListedPlatformProcess
   EXPECT_EQ(sent().size(), 3u);
 }
 
-TEST_F(FileEventObserverTest, MissingPathsLogTheirAssertionAndSendNothing) {
+TEST_F(FileEventObserverTest, MissingPathsAndNamesThatAreNotUtf8LogTheirAssertionAndSendNothing) {
   std::pair<std::unique_ptr<lumo::testing::TestMessage>, const char*> cases[] = {
-      {event(ES_EVENT_TYPE_NOTIFY_OPEN).open({}).build(), "fileName]Unexpected null filename"},
       {event(ES_EVENT_TYPE_NOTIFY_CLOSE).close({}, true).build(),
        "fileName]Unexpected null filename"},
-      {event(ES_EVENT_TYPE_NOTIFY_UNLINK).unlink({}).build(), "fileName]Unexpected null filename"},
       {event(ES_EVENT_TYPE_NOTIFY_EXCHANGEDATA).exchange({"/a"}, {}).build(),
        "fileName1 && fileName2]Unexpected null filename"},
       {event(ES_EVENT_TYPE_NOTIFY_LINK).link({"/a"}, "/d", std::nullopt).build(),
        "targetDirPath && targetFileName && srcFileName]Unexpected null paths"},
-      {event(ES_EVENT_TYPE_NOTIFY_RENAME).renameToExisting({}, {}).build(),
-       "srcFileName]Unexpected null filename"},
       {event(ES_EVENT_TYPE_NOTIFY_RENAME).renameToExisting({"/a"}, {}).build(),
        "destFileName]Unexpected null filename"},
       {event(ES_EVENT_TYPE_NOTIFY_RENAME).renameToNewPath({"/a"}, std::nullopt, "b").build(),
@@ -151,6 +147,17 @@ TEST_F(FileEventObserverTest, MissingPathsLogTheirAssertionAndSendNothing) {
         sink.lines()[0].text.ends_with("] Assert:  Assertion failed: [ " + std::string(line)));
   }
   EXPECT_TRUE(sent().empty());
+
+  // A name that is not UTF-8 can't go out: truncated, overlong, a surrogate,
+  // too high, a stray continuation byte. Others can.
+  for (const char* bad : {"\xc3", "\xe0\x80\xaf", "\xed\xa0\x80", "\xf4\x90\x80\x80", "a\x80"}) {
+    notify(event(ES_EVENT_TYPE_NOTIFY_UNLINK).unlink({std::string("/x/") + bad}));
+  }
+  EXPECT_EQ(
+      sink.count("] Assert:  Assertion failed: [ eventDict]Error converting event to dictionary."),
+      5u);
+  notify(event(ES_EVENT_TYPE_NOTIFY_UNLINK).unlink({"/Users/jörg/日本/😀"}));
+  EXPECT_EQ(sent(), Texts{record(sysext::kFileDelete, sysext::kRegular, 0, "/Users/jörg/日本/😀")});
 }
 
 TEST_F(FileEventObserverTest, MountTableChangesRaceSafelyWithEvents) {

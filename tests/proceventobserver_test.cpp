@@ -74,6 +74,11 @@ TEST_F(ProcEventObserverTest, ExitsAreReportedAsExitsUnlessAPlatformShellOrDaemo
                   "{path='/usr/bin/true';cmd='';pid=u5;sid=u100007;uid=u501;ppid=u1;"
                   "timestamp=ull7;}"));
   EXPECT_EQ(link.daemon().count(), 3u);
+  // A path that is not UTF-8 drops the record.
+  notify(MessageBuilder::notify(kExit).process({.path = "/bin/\xc0\xaf"}));
+  EXPECT_EQ(link.daemon().count(), 3u);
+  EXPECT_TRUE(
+      sink.contains("] Assert:  Assertion failed: [ eventDict]Error creating event dictionary.\n"));
 }
 
 }  // namespace

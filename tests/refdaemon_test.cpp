@@ -12,7 +12,6 @@
 
 #include "refdaemon/commands.h"
 #include "refdaemon/mountscan.h"
-#include "refdaemon/options.h"
 #include "support/capture_sink.h"
 #include "support/link_journal.h"
 #include "xpc/linkchannel.h"
@@ -172,7 +171,7 @@ TEST_F(RefDaemonLink, PrintsEachEventAsOneJsonLineAndAnswersPrintJobs) {
             1u);
 }
 
-TEST(RefDaemonSetup, MountsAreAnnouncedByKindAndTheCommandLineIsParsed) {
+TEST(RefDaemonMounts, NetworkAndBlockDeviceMountsAreAnnouncedByKind) {
   const std::string mountinfo =
       "22 1 8:2 / / rw,relatime shared:1 - ext4 /dev/sda2 rw\n"
       "23 22 0:21 / /proc rw,nosuid shared:12 - proc proc rw\n"
@@ -190,30 +189,6 @@ TEST(RefDaemonSetup, MountsAreAnnouncedByKindAndTheCommandLineIsParsed) {
   }
   EXPECT_EQ(seen, (Texts{"/=regular", "/media/my usb=removable", "/mnt/nas=network",
                          "/mnt/ssh=network", "/mnt/win=network"}));
-
-  const auto parse = [](std::vector<const char*> args, Options* options) {
-    args.insert(args.begin(), "lumo-refdaemon");
-    return parseOptions(static_cast<int>(args.size()), const_cast<char* const*>(args.data()),
-                        options);
-  };
-  Options options;
-  ASSERT_EQ(parse({"--policy", "dup=1", "--policy", "webcontrolon=yes", "--exclude-path", "/a",
-                   "--exclude-bundle", "b.c", "--mount", "/x=network", "--print-verdict", "block",
-                   "--reject", "--unprivileged", "--runtime-dir", "/tmp/r"},
-                  &options),
-            "");
-  EXPECT_EQ(lumo::testing::valueText(Value(options.settings.policy->toDictionary())),
-            "{dupon=b1;webcontrolon=b1;devicecontrolon=b0;antitamperingon=b0;}");
-  ASSERT_EQ(options.settings.exclusions->size(), 2u);
-  EXPECT_EQ((*options.settings.exclusions)[1].kind, Exclusion::Kind::Bundle);
-  EXPECT_EQ(options.settings.mounts.at(0).kind, MountKind::Network);
-  EXPECT_EQ(options.settings.printVerdict, false);
-  EXPECT_TRUE(options.settings.reject && !options.privileged && options.runtimeDir == "/tmp/r");
-  Options fresh;
-  EXPECT_EQ(parse({}, &fresh), "");
-  EXPECT_TRUE(fresh.privileged && !fresh.settings.policy && !fresh.settings.exclusions);
-  EXPECT_EQ(parse({"--frobnicate"}, &fresh), "unknown option --frobnicate");
-  EXPECT_EQ(parse({"--mount", "/x"}, &fresh), "mount \"/x\" is not PATH=removable|network|regular");
 }
 
 }  // namespace

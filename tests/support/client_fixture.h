@@ -23,27 +23,20 @@ constexpr const char* kAuthQueue = "com.tarvex.lumo.es-app_auth";
 constexpr const char* kDeadlineQueue = "com.tarvex.lumo.es-app_auth_deadline";
 constexpr const char* kNotifyQueue = "com.tarvex.lumo.es-app_notify";
 
-// An observer that counts its calls and, given a call log that several
-// observers may share, notes them there in order (single-threaded tests).
+// An observer that counts its calls; it may deny, or block until released.
 class RecordingObserver : public endpointsecurity::EventObserver {
  public:
-  using CallLog = std::vector<std::string>;
-
   RecordingObserver(std::string name, std::vector<es_event_type_t> types,
-                    endpointsecurity::ObserverTags tags, CallLog* log = nullptr)
-      : name_(std::move(name)), log_(log) {
+                    endpointsecurity::ObserverTags tags)
+      : name_(std::move(name)) {
     events = std::move(types);
     setTags(tags);
   }
 
   using EventObserver::events;  // the types it observes, open to tests
   std::string getName() const override { return name_; }
-  void onNotify(const es_message_t*, es_client_t*) override {
-    if (log_ != nullptr) log_->push_back(name_ + ".notify");
-    ++notified;
-  }
+  void onNotify(const es_message_t*, es_client_t*) override { ++notified; }
   bool onAuth(const es_message_t* message, es_client_t* client) override {
-    if (log_ != nullptr) log_->push_back(name_ + ".auth");
     ++authed;
     std::unique_lock<std::mutex> lock(mutex_);
     ++blocked_;
@@ -73,7 +66,6 @@ class RecordingObserver : public endpointsecurity::EventObserver {
 
  private:
   std::string name_;
-  CallLog* log_;
   std::mutex mutex_;
   std::condition_variable changed_;
   bool blocking_ = false;
@@ -98,9 +90,9 @@ class ClientFixture : public ::testing::Test {
   // An observer registered with the client (not yet initialised), active
   // unless told otherwise.
   RecordingObserver& observe(std::string name, std::vector<es_event_type_t> types,
-                             bool active = true, RecordingObserver::CallLog* log = nullptr) {
+                             bool active = true) {
     RecordingObserver& o = observers.emplace_back(std::move(name), std::move(types),
-                                                  endpointsecurity::TagProcObserver, log);
+                                                  endpointsecurity::TagProcObserver);
     if (active) o.activate();
     client->registerObserver(&o);
     return o;
