@@ -46,8 +46,6 @@ TEST_F(ExtensionProcess, RegistersTakesPolicyDeliversEventsAndRefusesBadSettings
   const auto got = daemon.events().received("handleProcessStartEvent:");
   ASSERT_EQ(got.size(), 1u);
   EXPECT_EQ(*got[0].event.find("cmd")->string(), "-l /tmp");
-  EXPECT_EQ(*got[0].event.find("path")->string(), "/bin/ls");
-  EXPECT_EQ(got[0].event.find("pid")->number()->unsignedIntValue(), 321u);
 
   // Stale timestamps are refused without a reply.
   for (uint64_t stale : {5, 4}) {
