@@ -80,7 +80,7 @@ TEST_F(ProductFolders, ModesAreRepairedExactlyAndInstalledMeansTheApplicationIsA
   }
   EXPECT_EQ(mode(keys / "prv" / "tx" / "txserver"), fs::perms(0644));
   EXPECT_FALSE(fs::exists(keys / "prv" / "tx" / "txclient"));
-  EXPECT_TRUE(sink.matching("Error").empty());
+  EXPECT_EQ(sink.count("Error"), 0u);
 
   using tarvex::itx::rtnmac::MacHelper;
   const std::string app = root.string() + tarvex::itx::rtnmac::productPaths().applicationBundle;

@@ -1,8 +1,12 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <condition_variable>
+#include <filesystem>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -37,32 +41,68 @@ class InProcessDaemon {
 
 tarvex::itx::xpc::Dictionary policyDict(bool dup, bool web, bool device);
 
-// One scratch installation for the extension's test build: product root
-// with the application present, runtime dir for the socket, event FIFO.
+// One scratch installation for the extension's test build (product root
+// with the application present, runtime dir for the socket, event FIFO),
+// and the extension on it. Skips when not root.
 class ExtensionProcess : public ::testing::Test {
  protected:
-  void SetUp() override;
-  void TearDown() override;
+  void SetUp() override {
+    if (geteuid() != 0) GTEST_SKIP() << "the daemon link only admits root peers";
+    std::filesystem::create_directories(runtimeDir);
+    for (const std::string& d : {dir, runtimeDir}) {
+      std::filesystem::permissions(d, std::filesystem::perms::all);
+    }
+    std::filesystem::create_directories(productRoot + "/opt/tarvex/lumo/app");
+    std::filesystem::create_directories(productRoot + "/opt/tarvex/lumo/EP");
+    ASSERT_EQ(mkfifo(fifoPath.c_str(), 0600), 0);
+  }
+  void TearDown() override {
+    extension.reset();
+    if (HasFailure()) std::fprintf(stderr, "extension log kept in %s\n", logPath.c_str());
+    if (!HasFailure()) std::filesystem::remove_all(dir);
+  }
 
-  void startExtension();
+  void startExtension() {
+    extension = std::make_unique<Child>(
+        Child::Options{{LUMO_ES_SCRIPTED_PATH},
+                       {"LUMO_LOG_STDERR=1", "LUMO_LOG_DEBUG=1", "LUMO_PRODUCT_ROOT=" + productRoot,
+                        "LUMO_RUNTIME_DIR=" + runtimeDir, "LUMO_SCRIPT_FIFO=" + fifoPath},
+                       logPath});
+  }
   // One event line for the scripted facility.
   void event(const std::string& line);
   bool extensionLogs(const std::string& text, size_t times = 1) {
     return waitFor(logPath, text, times);
   }
-  // Sends a policy or exclusions and waits for the reply; nullopt when none
-  // comes within `patience`.
+  // Sends a policy (a dictionary) or exclusions (an array) and waits for the
+  // reply; nullopt when none comes in time. The reply's state is shared with
+  // the block, which may come after the test is done.
+  template <typename Payload>
   static std::optional<bool> push(tarvex::itx::xpc::SysextXPCInterface& extension,
-                                  uint64_t timestamp, const tarvex::itx::xpc::Dictionary& policy,
-                                  std::chrono::milliseconds patience = std::chrono::seconds(10));
-  static std::optional<bool> push(tarvex::itx::xpc::SysextXPCInterface& extension,
-                                  uint64_t timestamp, const tarvex::itx::xpc::Array& exclusions);
+                                  uint64_t timestamp, const Payload& payload,
+                                  std::chrono::milliseconds patience = std::chrono::seconds(10)) {
+    auto reply = std::make_shared<std::promise<bool>>();
+    std::future<bool> replied = reply->get_future();
+    auto block = [reply](bool value) { reply->set_value(value); };
+    if constexpr (std::is_same_v<Payload, tarvex::itx::xpc::Array>) {
+      extension.setExclusions(&payload, timestamp, block);
+    } else {
+      extension.setPolicy(&payload, timestamp, block);
+    }
+    if (replied.wait_for(patience) != std::future_status::ready) return std::nullopt;
+    return replied.get();
+  }
 
-  std::string dir;
-  std::string runtimeDir;
-  std::string productRoot;
-  std::string fifoPath;
-  std::string logPath;
+  // Short: the socket's path must fit its address.
+  const std::string dir = std::filesystem::temp_directory_path() /
+                          ("lumo-process-" + std::to_string(getpid()) + "-" + [] {
+                            static int count = 0;
+                            return std::to_string(++count);
+                          }());
+  const std::string runtimeDir = dir + "/run";
+  const std::string productRoot = dir + "/root";
+  const std::string fifoPath = dir + "/events";
+  const std::string logPath = dir + "/extension.log";
   std::unique_ptr<Child> extension;
 };
 

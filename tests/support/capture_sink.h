@@ -39,13 +39,12 @@ class CaptureSink : public tarvex::itx::log::ILogSink {
     std::lock_guard<std::mutex> lock(mutex_);
     return lines_;
   }
-  // Lines whose text contains `part`.
-  std::vector<LogLine> matching(const std::string& part) const {
-    std::vector<LogLine> found = lines();
-    std::erase_if(found, [&](const LogLine& l) { return l.text.find(part) == std::string::npos; });
-    return found;
+  // How many lines contain `part`.
+  size_t count(const std::string& part) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return std::count_if(lines_.begin(), lines_.end(),
+                         [&](const LogLine& l) { return l.text.find(part) != std::string::npos; });
   }
-  size_t count(const std::string& part) const { return matching(part).size(); }
   bool contains(const std::string& part) const { return count(part) != 0; }
   void clear() {
     std::lock_guard<std::mutex> lock(mutex_);

@@ -90,10 +90,8 @@ class FakeDaemon : public tarvex::itx::xpc::ProtectionDaemonXPCInterface {
 class FakeConnection : public tarvex::itx::xpc::IXPCConnection {
  public:
   explicit FakeConnection(std::shared_ptr<FakeDaemon> daemon) : daemon_(std::move(daemon)) {}
-  void setExportedObject(tarvex::itx::xpc::SysextXPCInterface* object) override {
-    exported = object;
-  }
-  void resume() override { resumed = true; }
+  void setExportedObject(tarvex::itx::xpc::SysextXPCInterface*) override {}
+  void resume() override {}
   void invalidate() override { invalidated = true; }
   void setInterruptionHandler(std::function<void()> handler) override {
     interruption = std::move(handler);
@@ -106,8 +104,6 @@ class FakeConnection : public tarvex::itx::xpc::IXPCConnection {
     return daemon_;
   }
 
-  tarvex::itx::xpc::SysextXPCInterface* exported = nullptr;
-  bool resumed = false;
   bool invalidated = false;
   std::function<void()> interruption;
   std::function<void()> invalidation;
@@ -121,17 +117,14 @@ class FakeConnection : public tarvex::itx::xpc::IXPCConnection {
 class FakeConnector : public tarvex::itx::xpc::IXPCConnector {
  public:
   struct Opened {
-    std::string serviceName;
-    uint64_t options;
     std::shared_ptr<FakeConnection> connection;
     std::shared_ptr<FakeDaemon> daemon;
   };
 
-  std::shared_ptr<tarvex::itx::xpc::IXPCConnection> connect(const std::string& serviceName,
-                                                            uint64_t options) override {
+  std::shared_ptr<tarvex::itx::xpc::IXPCConnection> connect(const std::string&, uint64_t) override {
     auto daemon = std::make_shared<FakeDaemon>();
     daemon->acceptRegistration = acceptRegistration;
-    opened.push_back({serviceName, options, std::make_shared<FakeConnection>(daemon), daemon});
+    opened.push_back({std::make_shared<FakeConnection>(daemon), daemon});
     return opened.back().connection;
   }
 
