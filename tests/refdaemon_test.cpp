@@ -119,44 +119,6 @@ TEST_F(RefDaemonLink, PushesItsConfigurationOnRegistrationAndCommandsToEveryExte
   EXPECT_EQ(daemon_->registeredCount(), 1u);
 }
 
-TEST_F(RefDaemonLink, RejectingAnswersNoAndPushesNothing) {
-  RefDaemon::Settings settings;
-  settings.reject = true;
-  settings.policy = PolicySwitches{};
-  start(settings);
-  Journal journal;
-  ExtensionEnd extension(dir_, journal);
-  extension.resumeAndRegister();
-  ASSERT_TRUE(journal.waitFor("registered NO"));
-  daemon_->setPolicy(PolicySwitches{true, true, true, true});
-  daemon_->sendVerdict("/var/spool/cups/d00001-001", true);
-  // A later event still arrives: nothing was pushed in between.
-  extension.daemon->handleProcessExitEvent(Dictionary{});
-  ASSERT_TRUE(output_.waitFor("{\"event\":\"handleProcessExitEvent:\"}"));
-  EXPECT_EQ(journal.entries(), Texts{"registered NO"});
-  EXPECT_EQ(daemon_->registeredCount(), 0u);
-}
-
-TEST_F(RefDaemonLink, PrintsEachEventAsOneJsonLineAndAnswersPrintJobs) {
-  RefDaemon::Settings settings;
-  settings.printVerdict = true;
-  start(settings);
-  Journal journal;
-  ExtensionEnd extension(dir_, journal);
-  extension.resumeAndRegister();
-  ASSERT_TRUE(journal.waitFor("clearMountPoints"));
-  extension.daemon->handlePrinterEvent(
-      Dictionary{{{"filename", Value("/tmp/\"d\"\n\x01é")},
-                  {"pid", Value(Number::ofUnsignedInt(77))},
-                  {"size", Value(Number::ofLongLong(-7))},
-                  {"nested", Value(Array{{Value(), Value(Number::ofBool(true))}})}}});
-  ASSERT_TRUE(journal.waitFor("setPrinter '/tmp/\"d\"\n\x01é' YES"));
-  EXPECT_EQ(output_.count("{\"event\":\"handlePrinterEvent:\",\"filename\":\"/tmp/\\\"d\\\"\\n"
-                          "\\u0001é\",\"pid\":{\"uint\":77},\"size\":{\"longlong\":-7},"
-                          "\"nested\":[null,{\"bool\":true}]}"),
-            1u);
-}
-
 TEST(RefDaemonMounts, NetworkAndBlockDeviceMountsAreAnnouncedByKind) {
   const std::string mountinfo =
       "22 1 8:2 / / rw,relatime shared:1 - ext4 /dev/sda2 rw\n"

@@ -210,7 +210,7 @@ TEST_F(ExtensionProcess, WorksWithTheReferenceDaemonAcrossItsRestarts) {
   ASSERT_TRUE(extensionLogs(kSubscribed));
   event(kExec);
   ASSERT_TRUE(daemonLogs("\"event\":\"handleProcessStartEvent:\""));
-  EXPECT_TRUE(daemonLogs("\"cmd\":\"-l /tmp\""));
+  EXPECT_TRUE(daemonLogs("\"cmd\":\"-l /tmp\",\"pid\":{\"uint\":321},"));
 
   daemon->kill();
   ASSERT_TRUE(extensionLogs(kReconnecting));

@@ -38,13 +38,15 @@ class RecordingObserver : public endpointsecurity::EventObserver {
   void onNotify(const es_message_t*, es_client_t*) override { ++notified; }
   bool onAuth(const es_message_t* message, es_client_t* client) override {
     ++authed;
-    std::unique_lock<std::mutex> lock(mutex_);
-    ++blocked_;
-    changed_.notify_all();
-    changed_.wait(lock, [&] { return !blocking_; });
-    if (denyWith != nullptr)
-      denyWith->respondAuthResult(client, message, ES_AUTH_RESULT_DENY, false);
-    return denyWith != nullptr;
+    {
+      std::unique_lock<std::mutex> lock(mutex_);
+      ++blocked_;
+      changed_.notify_all();
+      changed_.wait(lock, [&] { return !blocking_; });
+    }
+    if (denyWith == nullptr) return false;
+    denyWith->respondAuthResult(client, message, ES_AUTH_RESULT_DENY, false);
+    return true;
   }
 
   // Blocks every onAuth until release(); waitBlocked waits for one caller.
