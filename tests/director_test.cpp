@@ -17,9 +17,9 @@ class Component : public ISysExtManagable {
     setTags(tags);
   }
   bool start() override { return true; }
-  bool stop() override { return note(".stop"); }
+  bool stop() override { return true; }
   bool init() override { return note(".init") && succeeds; }
-  void uninit() override { note(".uninit"); }
+  void uninit() override {}
   std::string getName() const override { return name_; }
   void setName(const std::string& name) override { name_ = name; }
   bool switchMode(const ObserverTags&, bool on) override {
@@ -39,7 +39,7 @@ class Component : public ISysExtManagable {
   Texts& trail_;
 };
 
-TEST(Director, InitStopsAtTheFirstFailureAndSwitchesClientsFirstThenObserversInOrder) {
+TEST(Director, InitStopsAtTheFirstFailureAndSwitchModeGoesToClientsThenObservers) {
   lumo::testing::CaptureSink sink;
   Texts trail;
   Component dup{"Dup", TagAllClients | TagClientDup, trail};
@@ -60,11 +60,6 @@ TEST(Director, InitStopsAtTheFirstFailureAndSwitchesClientsFirstThenObserversInO
   EXPECT_TRUE(sink.contains("] Warn:  Failed to switch client Shield to mode true\n"));
   EXPECT_TRUE(director.switchMode({}, TagFileObserver, false));
   EXPECT_EQ(std::exchange(trail, {}), Texts{"File.deactivate"});
-
-  director.stop();
-  director.uninit();
-  EXPECT_EQ(trail, (Texts{"Dup.stop", "Shield.stop", "Proc.stop", "File.stop", "Dup.uninit",
-                          "Shield.uninit", "Proc.uninit", "File.uninit"}));
 }
 
 }  // namespace

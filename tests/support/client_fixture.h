@@ -91,10 +91,10 @@ class ClientFixture : public ::testing::Test {
 
   // An observer registered with the client (not yet initialised), active
   // unless told otherwise.
-  RecordingObserver& observe(std::string name, std::vector<es_event_type_t> types,
-                             bool active = true) {
-    RecordingObserver& o = observers.emplace_back(std::move(name), std::move(types),
-                                                  endpointsecurity::TagProcObserver);
+  RecordingObserver& observe(
+      std::string name, std::vector<es_event_type_t> types, bool active = true,
+      endpointsecurity::ObserverTags tags = endpointsecurity::TagProcObserver) {
+    RecordingObserver& o = observers.emplace_back(std::move(name), std::move(types), tags);
     if (active) o.activate();
     client->registerObserver(&o);
     return o;
