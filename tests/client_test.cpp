@@ -31,11 +31,12 @@ TEST_F(ClientLifecycle, StartSubscribesTheUnionOnceAndStopDeletesTheClientOnce) 
     EXPECT_FALSE(client->init());
   }
   EXPECT_TRUE(sink.contains("] Error: es_new_client failed. The caller is not running as root."));
-  observe("A", {ES_EVENT_TYPE_NOTIFY_CLOSE, ES_EVENT_TYPE_NOTIFY_OPEN});
   EXPECT_FALSE(client->start());
   es.setNewClientResult(ES_NEW_CLIENT_RESULT_SUCCESS);
   es.failCall(Call::ClearCache);  // logged and ignored
   ASSERT_TRUE(client->init());
+  EXPECT_FALSE(client->start());  // no observers
+  observe("A", {ES_EVENT_TYPE_NOTIFY_CLOSE, ES_EVENT_TYPE_NOTIFY_OPEN});
   observe("B", {ES_EVENT_TYPE_NOTIFY_CLOSE, ES_EVENT_TYPE_AUTH_EXEC});
   EXPECT_FALSE(client->registerObserver(nullptr));
   EXPECT_TRUE(es.record().clients.at(0).calls.empty());
@@ -243,9 +244,13 @@ TEST_F(ClientMuting, ExclusionsReplaceEveryKindOfMuteAndFailuresNeverFailTheUpda
   }
   EXPECT_TRUE(client->applyExclusions({"/x/tool"}, {"/y/"}, {}));
   EXPECT_EQ(es.record().calls[Call::MutePathLiteral], 3u * 9u);
+  es.failCall(Call::MutedProcesses, false);
+  es.failCall(Call::UnmuteProcess);
+  es.addMutedProcess(lumo::testing::makeToken(signedBy("x")));
+  EXPECT_FALSE(client->unMuteAllExclusions());
   client->stop();
   EXPECT_TRUE(client->applyExclusions({"/x"}, {"/y/"}, {"z"}));  // ignored once stopped
-  EXPECT_EQ(es.record().calls[Call::UnmuteAllPaths], 3u);
+  EXPECT_EQ(es.record().calls[Call::UnmuteAllPaths], 4u);
 }
 
 TEST_F(ClientMuting, ListedProcessesAreMutedOnTheFlyAndNeverReachObservers) {

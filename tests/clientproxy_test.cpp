@@ -207,6 +207,9 @@ TEST_F(XPCLink, NoReconnectionAfterStopOrWithoutTheProduct) {
   EXPECT_FALSE(xpc().isXPCServiceListening());
   first->invalidation();
   EXPECT_TRUE(dispatch.pendingTimers().empty());
+  sysext::FileEvent lost;
+  xpc().sendFileEvent(&lost);  // no connection: dropped with a Warn line
+  EXPECT_TRUE(sink.contains("] Warn:  No connection. -[SysExtXPCClient sendFileEvent:]\n"));
 
   install(false);
   xpc().start(proxy.get());

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "refdaemon/commands.h"
+#include "refdaemon/mountscan.h"
 #include "support/capture_sink.h"
 #include "support/link_journal.h"
 #include "xpc/linkchannel.h"
@@ -85,7 +86,7 @@ TEST_F(RefDaemonLink, PushesItsConfigurationOnRegistrationAndCommandsToEveryExte
   for (const char* line :
        {"policy dup=0,antitampering=on", "exclude clear", "  exclude bundle com.x.y ",
         "mount /media/my usb=removable", "unmount /media/my usb",
-        "verdict /var/spool/cups/d0042-001 block", ""}) {
+        "verdict /var/spool/cups/d0042-001 block", "clear-mounts", ""}) {
     EXPECT_EQ(runCommand(line, *daemon_).error, "") << line;
   }
   expected.insert(expected.end(),
@@ -93,7 +94,7 @@ TEST_F(RefDaemonLink, PushesItsConfigurationOnRegistrationAndCommandsToEveryExte
                    "setExclusions []",
                    "setExclusions [{application_description={process_bundle_id='com.x.y';};},]",
                    "addMountPoint '/media/my usb' 2", "removeMountPoint '/media/my usb'",
-                   "setPrinter '/var/spool/cups/d0042-001' NO"});
+                   "setPrinter '/var/spool/cups/d0042-001' NO", "clearMountPoints"});
   for (Journal* journal : {&first, &second}) {
     ASSERT_TRUE(journal->waitForSize(expected.size()));
     EXPECT_EQ(journal->entries(), expected);
@@ -111,6 +112,46 @@ TEST_F(RefDaemonLink, PushesItsConfigurationOnRegistrationAndCommandsToEveryExte
   b.daemon.reset();
   ASSERT_TRUE(output_.waitFor("{\"connection\":\"closed\",\"peer_pid\":" + pid_ + "}"));
   EXPECT_EQ(daemon_->registeredCount(), 1u);
+}
+
+TEST_F(RefDaemonLink, PrintsEachEventAsOneJsonLineAndAnswersPrintJobs) {
+  RefDaemon::Settings settings;
+  settings.printVerdict = true;
+  start(settings);
+  Journal journal;
+  ExtensionEnd extension(dir_, journal);
+  extension.resumeAndRegister();
+  ASSERT_TRUE(journal.waitFor("clearMountPoints"));
+  extension.daemon->handlePrinterEvent(
+      Dictionary{{{"filename", Value("/tmp/\"d\"\n\x01é")},
+                  {"pid", Value(Number::ofUnsignedInt(77))},
+                  {"size", Value(Number::ofLongLong(-7))},
+                  {"nested", Value(Array{{Value(), Value(Number::ofBool(true))}})}}});
+  ASSERT_TRUE(journal.waitFor("setPrinter '/tmp/\"d\"\n\x01é' YES"));
+  EXPECT_EQ(output_.count("{\"event\":\"handlePrinterEvent:\",\"filename\":\"/tmp/\\\"d\\\"\\n"
+                          "\\u0001é\",\"pid\":{\"uint\":77},\"size\":{\"longlong\":-7},"
+                          "\"nested\":[null,{\"bool\":true}]}"),
+            1u);
+}
+
+TEST(RefDaemonMounts, NetworkAndBlockDeviceMountsAreAnnouncedByKind) {
+  const std::string mountinfo =
+      "22 1 8:2 / / rw,relatime shared:1 - ext4 /dev/sda2 rw\n"
+      "23 22 0:21 / /proc rw,nosuid shared:12 - proc proc rw\n"
+      "24 22 0:5 / /dev/shm rw shared:3 - tmpfs tmpfs rw\n"
+      "40 22 8:17 / /media/my\\040usb rw,nosuid shared:30 - vfat /dev/sdb1 rw\n"
+      "41 22 0:52 / /mnt/nas rw shared:31 - nfs4 nas:/export rw\n"
+      "42 22 0:53 / /mnt/ssh rw shared:32 master:2 - fuse.sshfs me@host: rw\n"
+      "43 22 0:54 / /mnt/win rw - cifs //srv/share rw\n"
+      "malformed line\n";
+  Texts seen;
+  for (const Mount& m : classifyMounts(mountinfo, [](unsigned major, unsigned minor) {
+         return std::optional<bool>(major == 8 && minor == 17);
+       })) {
+    seen.push_back(m.path + "=" + mountKindName(m.kind));
+  }
+  EXPECT_EQ(seen, (Texts{"/=regular", "/media/my usb=removable", "/mnt/nas=network",
+                         "/mnt/ssh=network", "/mnt/win=network"}));
 }
 
 }  // namespace
