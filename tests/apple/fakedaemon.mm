@@ -3,14 +3,12 @@
 @implementation LumoFakeDaemon {
   NSMutableArray<NSString*>* _selectors;
   NSMutableArray<NSDictionary*>* _events;
-  dispatch_semaphore_t _calls;
 }
 
 - (instancetype)init {
   if ((self = [super init])) {
     _selectors = [NSMutableArray array];
     _events = [NSMutableArray array];
-    _calls = dispatch_semaphore_create(0);
     _answer = YES;
   }
   return self;
@@ -21,7 +19,6 @@
     [_selectors addObject:NSStringFromSelector(selector)];
     if (event != nil) [_events addObject:(NSDictionary*)event];
   }
-  dispatch_semaphore_signal(_calls);
 }
 
 - (NSArray<NSString*>*)selectors {
@@ -34,11 +31,6 @@
   @synchronized(self) {
     return [_events copy];
   }
-}
-
-- (BOOL)waitForCall:(int64_t)seconds {
-  return dispatch_semaphore_wait(
-             _calls, dispatch_time(DISPATCH_TIME_NOW, seconds * (int64_t)NSEC_PER_SEC)) == 0;
 }
 
 - (void)registerWithCompletionHandler:(void (^)(BOOL))reply {

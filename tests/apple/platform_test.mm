@@ -1,8 +1,13 @@
+// What the macOS platform hands the core: the Endpoint Security facility
+// and the product's layout.
 #include "es/appleendpointsecurity.h"
 
 #include <gtest/gtest.h>
 
+#include "rtnmac/productpaths.h"
+
 using endpointsecurity::apple_platform::AppleEndpointSecurity;
+using tarvex::itx::rtnmac::productPaths;
 
 // The test executable carries no Endpoint Security entitlement: the
 // facility itself must answer, and refuse.
@@ -21,4 +26,13 @@ TEST(AppleEndpointSecurity, AnUnentitledProcessIsRefused) {
               result == ES_NEW_CLIENT_RESULT_ERR_NOT_PRIVILEGED ||
               result == ES_NEW_CLIENT_RESULT_ERR_NOT_PERMITTED)
       << "result " << result;
+}
+
+// The product's own directories are muted by prefix: without the slash
+// "/Applications/Tarvex Lumo.appx" would be muted too.
+TEST(ApplePaths, OwnDirectoriesAreTheProductsFoldersWithTheirSlash) {
+  ASSERT_EQ(productPaths().ownDirectories.size(), 2u);
+  EXPECT_EQ(productPaths().ownDirectories[0], productPaths().deploymentFolder);
+  EXPECT_EQ(productPaths().ownDirectories[1], productPaths().applicationBundle + "/");
+  for (const std::string& own : productPaths().ownDirectories) EXPECT_EQ(own.back(), '/') << own;
 }
