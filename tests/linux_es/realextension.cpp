@@ -3,40 +3,20 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <filesystem>
-#include <future>
 #include <thread>
 
 namespace lumo::testing {
 
-namespace fs = std::filesystem;
 using tarvex::itx::xpc::Array;
 using tarvex::itx::xpc::Dictionary;
 using tarvex::itx::xpc::Number;
 using tarvex::itx::xpc::Value;
 
-void RealExtension::SetUp() {
-  if (geteuid() != 0) GTEST_SKIP() << "the facility and the daemon link need root";
-  static int counter = 0;
-  dir = (fs::temp_directory_path() /
-         ("lumo-e2e-" + std::to_string(getpid()) + "-" + std::to_string(++counter)))
-            .string();
-  runtimeDir = dir + "/run";
-  productRoot = dir + "/root";
-  logPath = dir + "/extension.log";
-  fs::create_directories(runtimeDir);
-  fs::permissions(dir, fs::perms::all);
-  fs::permissions(runtimeDir, fs::perms::all);
-  fs::create_directories(productRoot + "/opt/tarvex/lumo/app");
-  fs::create_directories(productRoot + "/opt/tarvex/lumo/EP");
-}
-
 void RealExtension::TearDown() {
   extension.reset();
   extensionSide.reset();
   daemon.reset();
-  if (!dir.empty() && !HasFailure()) fs::remove_all(dir);
-  if (HasFailure()) std::fprintf(stderr, "extension log kept in %s\n", logPath.c_str());
+  ExtensionProcess::TearDown();
 }
 
 void RealExtension::start(std::vector<std::string> env) {
@@ -47,24 +27,17 @@ void RealExtension::start(std::vector<std::string> env) {
   extensionSide = daemon->waitForExtension();
   ASSERT_TRUE(extensionSide) << "lumo-es did not connect";
   ASSERT_TRUE(extensionLogs("Registration success."));
-  const Dictionary policy = policyDict(true, false, false);
-  auto accepted = std::make_shared<std::promise<bool>>();
-  extensionSide->setPolicy(&policy, ++stamp, [accepted](bool yes) { accepted->set_value(yes); });
-  auto answer = accepted->get_future();
-  ASSERT_EQ(answer.wait_for(std::chrono::seconds(15)), std::future_status::ready);
-  ASSERT_TRUE(answer.get());
+  ASSERT_EQ(push(*extensionSide, ++stamp, policyDict(true, false, false)), true);
 }
 
 void RealExtension::exclude(const std::vector<std::pair<std::string, std::string>>& kindAndPath) {
   Array payload;
   for (const auto& [kind, path] : kindAndPath) {
     const Dictionary match{{{"comp_value", Value(path)}, {"operator", Number::ofUnsignedInt(1)}}};
-    payload.items.push_back(Value(
-        Dictionary{{{"application_description", Value(Dictionary{{{kind, Value(match)}}})}}}));
+    payload.items.push_back(Value(Dictionary{
+        {{"application_description", Value(Dictionary{{{kind, Value(match)}}})}}}));
   }
-  auto replied = std::make_shared<std::promise<void>>();
-  extensionSide->setExclusions(&payload, ++stamp, [replied](bool) { replied->set_value(); });
-  ASSERT_EQ(replied->get_future().wait_for(std::chrono::seconds(15)), std::future_status::ready);
+  ASSERT_TRUE(push(*extensionSide, ++stamp, payload).has_value());
 }
 
 int RealExtension::run(const std::vector<std::string>& argv, pid_t* pid) {
@@ -86,17 +59,14 @@ int RealExtension::run(const std::vector<std::string>& argv, pid_t* pid) {
 
 std::vector<RealExtension::Received> RealExtension::events(
     const std::string& selector, const std::function<bool(const Received&)>& match) {
-  std::vector<Received> out;
-  for (auto& r : daemon->events().received(selector)) {
-    if (match(r)) out.push_back(r);
-  }
+  std::vector<Received> out = daemon->events().received(selector);
+  std::erase_if(out, [&](const Received& r) { return !match(r); });
   return out;
 }
 
 std::optional<RealExtension::Received> RealExtension::waitEvent(
-    const std::string& selector, const std::function<bool(const Received&)>& match,
-    std::chrono::milliseconds timeout) {
-  const auto end = std::chrono::steady_clock::now() + timeout;
+    const std::string& selector, const std::function<bool(const Received&)>& match) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
   do {
     auto found = events(selector, match);
     if (!found.empty()) return found.front();

@@ -14,12 +14,11 @@
 namespace lumo::testing {
 
 // lumo-es, the real binary on the real kernel, against a daemon inside the
-// test. Skips when not root (the facility and the daemon link need it).
-class RealExtension : public ::testing::Test {
+// test, in the process tests' scratch installation. Skips when not root.
+class RealExtension : public ExtensionProcess {
  protected:
   using Received = FakeDaemon::Received;
 
-  void SetUp() override;
   void TearDown() override;
 
   // Starts lumo-es, waits for its registration and pushes a policy with
@@ -32,22 +31,14 @@ class RealExtension : public ::testing::Test {
 
   // Waits until an event of `selector` satisfies `match`.
   std::optional<Received> waitEvent(const std::string& selector,
-                                    const std::function<bool(const Received&)>& match,
-                                    std::chrono::milliseconds timeout = std::chrono::seconds(10));
+                                    const std::function<bool(const Received&)>& match);
   std::vector<Received> events(const std::string& selector,
                                const std::function<bool(const Received&)>& match);
-  bool extensionLogs(const std::string& text) { return waitFor(logPath, text); }
-
   static uint64_t number(const Received& r, const char* key);
   static std::string text(const Received& r, const char* key);
 
-  std::string dir;
-  std::string runtimeDir;
-  std::string productRoot;
-  std::string logPath;
   std::unique_ptr<InProcessDaemon> daemon;
   std::shared_ptr<tarvex::itx::xpc::SysextXPCInterface> extensionSide;
-  std::unique_ptr<Child> extension;
   uint64_t stamp = 0;
 };
 
