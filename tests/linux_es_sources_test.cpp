@@ -1,32 +1,33 @@
-// The kernel's records into messages: fanotify FID-mode records into file
-// messages, with a resolver that knows a few handles, and the BPF process
-// programs' records into process messages. Records are of the test's making;
-// each message is checked as one line of text.
+// What the Linux facility reads from the kernel, of the test's making:
+// fanotify FID-mode records into file messages (with a resolver that knows a
+// few handles), the BPF process programs' records into process messages,
+// /proc, the mount table and the system call a caller is blocked in. Each
+// message is checked as one line of text. Reading the real /proc and a real
+// caller's execve arguments is the kernel tests' part (the connector tier,
+// print filters held and denied by their arguments).
 #include <gtest/gtest.h>
 #include <linux/fanotify.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <map>
+#include <tuple>
 #include <vector>
 
 #include "es/bpf/processevent.h"
+#include "es/execcall.h"
 #include "es/fanotifydecoder.h"
 #include "es/message.h"
 #include "es/mounts.h"
 #include "es/processrecord.h"
 #include "es/procinfo.h"
 
+namespace endpointsecurity::linux_es {
 namespace {
 
-using endpointsecurity::linux_es::EventSet;
-using endpointsecurity::linux_es::FanotifyDecoder;
-using endpointsecurity::linux_es::IEventSink;
-using endpointsecurity::linux_es::IHandleResolver;
-using endpointsecurity::linux_es::Message;
-using endpointsecurity::linux_es::ProcessCache;
-using endpointsecurity::linux_es::ProcessRecordDecoder;
-using endpointsecurity::linux_es::ProcReader;
+namespace fs = std::filesystem;
 using Lines = std::vector<std::string>;
 
 constexpr pid_t kSelf = 999;
@@ -286,17 +287,13 @@ TEST(LinuxMounts, ParsesMountInfoAndSkipsPseudoFileSystems) {
       "40 29 0:35 / /media/My\\040Stick rw master:3 - vfat /dev/sdb1 rw\n"
       "garbage line\n"
       "41 29 0:36 / /mnt/x rw -\n";
-  const auto mounts = endpointsecurity::linux_es::parseMountInfo(text);
+  const auto mounts = parseMountInfo(text);
   ASSERT_EQ(mounts.size(), 3u);
   EXPECT_EQ(mounts[0].path, "/proc");
   EXPECT_EQ(mounts[2].path, "/media/My Stick");
   EXPECT_EQ(mounts[2].fsType, "vfat");
-  for (const char* pseudo : {"proc", "cgroup2"}) {
-    EXPECT_FALSE(endpointsecurity::linux_es::watchableFsType(pseudo));
-  }
-  for (const char* real : {"ext4", "tmpfs"}) {
-    EXPECT_TRUE(endpointsecurity::linux_es::watchableFsType(real));
-  }
+  EXPECT_FALSE(watchableFsType("proc") || watchableFsType("cgroup2"));
+  EXPECT_TRUE(watchableFsType("ext4") && watchableFsType("tmpfs"));
 }
 
 lumo_proc_event record(uint32_t kind, pid_t pid, pid_t ppid, uint64_t startNanos) {
@@ -340,7 +337,7 @@ TEST(LinuxProcessRecords, ExecForkAndExitBecomeMessagesAndBadRecordsAreCounted) 
   ASSERT_TRUE(decoder.handle(&exit, kNoFilename));
   // Symlinks resolved, as the kernel would name the file; the child takes
   // its parent's image from the cache.
-  const std::string sh = std::filesystem::canonical("/bin/sh").string();
+  const std::string sh = fs::canonical("/bin/sh").string();
   EXPECT_EQ(sink.lines(),
             (Lines{"exec 500 " + sh + " [sh -c true]",
                    "fork 500 " + sh + " to 501 " + sh + " of 500", "exit 501 " + sh + " 256"}));
@@ -369,4 +366,121 @@ TEST(LinuxProcessRecords, ExecForkAndExitBecomeMessagesAndBadRecordsAreCounted) 
   EXPECT_TRUE(sink.lines().empty());
 }
 
+// A /proc of the test's making.
+class FakeProc {
+ public:
+  FakeProc() : root(fs::temp_directory_path() / ("lumo-proc-" + std::to_string(getpid()))) {
+    fs::create_directories(root);
+  }
+  ~FakeProc() { fs::remove_all(root); }
+  void add(pid_t pid, const std::string& stat, const std::string& exe = "") {
+    const fs::path dir = root / std::to_string(pid);
+    fs::remove_all(dir);
+    fs::create_directories(dir);
+    std::ofstream(dir / "stat") << stat;
+    std::ofstream(dir / "status") << kStatus;
+    std::ofstream(dir / "sessionid") << "7";
+    std::ofstream(dir / "loginuid") << "1000";
+    if (!exe.empty()) fs::create_symlink(exe, dir / "exe");
+  }
+  static constexpr const char* kStatus = "Name:\tx\nUid:\t1000\t0\t0\t0\nGid:\t1001\t1002\t0\t0\n";
+  fs::path root;
+};
+
+std::string statLine(pid_t pid, const std::string& comm, pid_t ppid, uint64_t start) {
+  return std::to_string(pid) + " (" + comm + ") S " + std::to_string(ppid) +
+         " 100 200 0 -1 4194560 10 0 0 0 1 2 0 0 20 0 1 0 " + std::to_string(start) +
+         " 1000 100 18446744073709551615\n";
+}
+
+TEST(LinuxProcInfo, ParsesStatStatusAndRefusesGarbage) {
+  ProcessInfo info;
+  // A command name with blanks and parentheses.
+  ASSERT_TRUE(ProcReader::parseStat(statLine(42, "a) (b c", 7, 12345), info));
+  EXPECT_EQ(std::tie(info.pid, info.ppid, info.pgid, info.sid, info.startTicks),
+            std::make_tuple(42, 7, 100, 200, 12345u));
+  for (const std::string& bad : {std::string(), std::string("42 (x) S 1 2"),
+                                 std::string("x (y) S 1 2 3 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 9"),
+                                 statLine(42, "x", 7, 1).replace(0, 2, "-1")}) {
+    EXPECT_FALSE(ProcReader::parseStat(bad, info)) << bad;
+  }
+
+  ASSERT_TRUE(ProcReader::parseStatus(FakeProc::kStatus, info));
+  EXPECT_EQ(std::tie(info.ruid, info.euid, info.rgid, info.egid),
+            std::make_tuple(1000u, 0u, 1001u, 1002u));
+  EXPECT_FALSE(ProcReader::parseStatus("Uid:\tx\t0\nGid:\t1\t1\n", info));
+  EXPECT_FALSE(ProcReader::parseStatus("Name:\tx\n", info));
+
+  EXPECT_EQ(ProcReader::splitNul(std::string("ls\0-l\0\0b\0", 9)),
+            (std::vector<std::string>{"ls", "-l", "", "b"}));
+  EXPECT_TRUE(ProcReader::splitNul("").empty());
+
+  // /proc/PID/syscall of a caller in execve; nothing for the others.
+  auto call = parseSyscall("59 0x55d0c0 0x7ffd10 0x7ffd20 0x0 0x0 0x8 0x7ffd00 0x7f1234\n");
+  ASSERT_TRUE(call);
+  EXPECT_EQ(call->number, 59);
+  EXPECT_EQ(call->args[0], 0x55d0c0u);
+  EXPECT_EQ(call->args[5], 0x8u);
+  for (const char* other :
+       {"running\n", "-1 0x7ffd00 0x7f1234\n", "59 0x1 0x2", "59 1 2 3 4 5 6", ""}) {
+    EXPECT_FALSE(parseSyscall(other)) << other;
+  }
+}
+
+TEST(LinuxProcInfo, ReadsAProcessTreeAndNeverAnswersForAnotherProcessUnderThePid) {
+  FakeProc proc;
+  proc.add(300, statLine(300, "tool", 1, 999), "/usr/bin/tool (deleted)");
+  proc.add(301, "garbage");
+  const ProcReader reader(proc.root.string());
+  ProcessInfo info;
+  ASSERT_TRUE(reader.read(300, info));
+  EXPECT_EQ(info.exe, "/usr/bin/tool");
+  EXPECT_EQ(info.asid, 7u);
+  EXPECT_EQ(info.auid, 1000u);
+  EXPECT_FALSE(reader.read(301, info));
+  EXPECT_FALSE(reader.read(302, info));
+
+  proc.add(400, statLine(400, "old", 1, 50), "/usr/bin/old");
+  ProcessCache cache(reader, 2);
+  ASSERT_TRUE(cache.lookup(400));
+  // The pid comes back as another process: the cached entry does not fit.
+  proc.add(400, statLine(400, "new", 1, 60), "/usr/bin/new");
+  EXPECT_EQ(cache.lookup(400, 60)->exe, "/usr/bin/new");
+  EXPECT_FALSE(cache.lookup(400, 70));
+  // Bounded: a full cache starts over.
+  for (pid_t pid : {1, 2}) {
+    ProcessInfo other;
+    other.pid = pid;
+    cache.put(other);
+  }
+  EXPECT_LE(cache.size(), 2u);
+
+  // A miss first lets the tier's pending records land in the cache.
+  ProcessInfo started;
+  started.pid = 500;
+  started.startTicks = 9;
+  started.exe = "/usr/bin/short";
+  int catchUps = 0;
+  cache.setCatchUp([&] {
+    ++catchUps;
+    cache.put(started);
+    EXPECT_TRUE(cache.lookup(500));  // a nested lookup is answered, not re-entered
+  });
+  EXPECT_EQ(cache.lookup(500)->exe, "/usr/bin/short");
+  EXPECT_EQ(catchUps, 1);
+  // Exited and gone from procfs: its queued events still find it, but not
+  // under another start time.
+  cache.setCatchUp(nullptr);
+  cache.forget(500);
+  ASSERT_TRUE(cache.lookup(500, 9));
+  EXPECT_FALSE(cache.lookup(500, 10));
+  // A new process under the pid replaces the exited one.
+  started.startTicks = 11;
+  started.exe = "/usr/bin/next";
+  cache.put(started);
+  cache.forget(500);
+  EXPECT_EQ(cache.lookup(500)->exe, "/usr/bin/next");
+}
+
 }  // namespace
+}  // namespace endpointsecurity::linux_es
