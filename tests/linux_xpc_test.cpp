@@ -2,7 +2,6 @@
 // a real socket, how either end going is reported, bad frames, the socket
 // file and the peer-credential check.
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -344,13 +343,14 @@ TEST_F(LinuxXpcTransport, EndingsAreReportedOnceOnTheLinksThread) {
   EXPECT_EQ(journal.entries(), (Strings{"registered YES", "interrupted", "invalidated"}));
 }
 
-TEST_F(LinuxXpcTransport, BadFramesFromTheDaemonAreLoggedAndDropTheLink) {
+// Either end reads its peer's frames the same way; here the daemon's.
+TEST_F(LinuxXpcTransport, BadFramesAreLoggedAndDropTheLink) {
   const struct {
     std::string bytes;
     const char* logged;  // what the Error line must say
   } cases[] = {
-      {encoded(CallFrame{"formatDisk:", {}, std::nullopt}),
-       "unknown selector \"formatDisk:\" for SysextXPCInterface"},
+      {encoded(CallFrame{"handleFileEvent:", {Value()}, std::nullopt}),
+       "argument 1 of handleFileEvent: must be a dictionary, got nil"},
       {encoded(ReplyFrame{999, true}), "reply for unknown id 999"},
       {std::string(kMaxFrameBytes + 1, '\x0a'),
        "frame of 1048577 bytes exceeds the 1048576-byte limit"},
@@ -358,45 +358,31 @@ TEST_F(LinuxXpcTransport, BadFramesFromTheDaemonAreLoggedAndDropTheLink) {
   for (const auto& bad : cases) {
     SCOPED_TRACE(bad.logged);
     sink_.clear();
-    ino_t inode;
-    std::string error;
-    const int listener = bindListeningSocket(socket(), &inode, &error);
-    ASSERT_GE(listener, 0) << error;
-    Journal journal;
-    ExtensionEnd extension(dir_, journal);
-    extension.resumeAndRegister();
-    pollfd p{listener, POLLIN, 0};
-    ASSERT_EQ(poll(&p, 1, 10000), 1);
-    const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-    ::close(listener);
-    unlink(socket().c_str());
+    Journal daemonSide;
+    TestDaemon daemon(dir_, daemonSide);
+    ASSERT_TRUE(daemon.start());
+    const int fd = openSeqpacketSocket();
     ASSERT_GE(fd, 0);
-    sizeFrameBuffers(fd);
-    char buffer[4096];
-    ASSERT_GT(recv(fd, buffer, sizeof buffer, 0), 0);  // the registration
+    const sockaddr_un address = socketAddress(socket());
+    ASSERT_EQ(connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
     int sendBuffer = 0;
     socklen_t length = sizeof sendBuffer;
     getsockopt(fd, SOL_SOCKET, SO_SNDBUF, &sendBuffer, &length);
     if (bad.bytes.size() + 32 >= static_cast<size_t>(sendBuffer)) {
       // Without privilege the socket's buffers cap messages below the limit.
       EXPECT_NE(geteuid(), 0u);
-      ::close(fd);
-      continue;
+    } else {
+      ASSERT_EQ(send(fd, bad.bytes.data(), bad.bytes.size(), MSG_NOSIGNAL),
+                static_cast<ssize_t>(bad.bytes.size()));
+      ASSERT_TRUE(daemonSide.waitFor("daemon: invalidated"));
+      char byte;
+      EXPECT_EQ(recv(fd, &byte, 1, 0), 0);  // closed on us
+      EXPECT_EQ(daemonSide.entries(), (Strings{"daemon: interrupted", "daemon: invalidated"}));
+      EXPECT_TRUE(sink_.contains("Error: Dropping the link to " + kService + ": "));
+      EXPECT_TRUE(sink_.contains(bad.logged));
     }
-    ASSERT_EQ(send(fd, bad.bytes.data(), bad.bytes.size(), MSG_NOSIGNAL),
-              static_cast<ssize_t>(bad.bytes.size()));
-    ASSERT_TRUE(journal.waitFor("invalidated"));
-    EXPECT_EQ(recv(fd, buffer, sizeof buffer, MSG_DONTWAIT), 0);  // closed by the extension
     ::close(fd);
-    // Established, so interrupted first; the pending registration fails.
-    const Strings entries = journal.entries();
-    ASSERT_EQ(entries.size(), 3u);
-    EXPECT_EQ(entries[0], "interrupted");
-    EXPECT_TRUE(entries[1].starts_with("error: the connection to " + kService + " is invalid: "))
-        << entries[1];
-    EXPECT_EQ(entries[2], "invalidated");
-    EXPECT_TRUE(sink_.contains("Error: Dropping the link to " + kService + ": "));
-    EXPECT_TRUE(sink_.contains(bad.logged));
+    daemon.drop();
   }
 }
 

@@ -34,8 +34,8 @@ void RealExtension::exclude(const std::vector<std::pair<std::string, std::string
   Array payload;
   for (const auto& [kind, path] : kindAndPath) {
     const Dictionary match{{{"comp_value", Value(path)}, {"operator", Number::ofUnsignedInt(1)}}};
-    payload.items.push_back(Value(Dictionary{
-        {{"application_description", Value(Dictionary{{{kind, Value(match)}}})}}}));
+    payload.items.push_back(Value(
+        Dictionary{{{"application_description", Value(Dictionary{{{kind, Value(match)}}})}}}));
   }
   ASSERT_TRUE(push(*extensionSide, ++stamp, payload).has_value());
 }
