@@ -17,7 +17,9 @@ inline std::string text(const tarvex::itx::xpc::Value& value) {
   if (const std::string* s = value.string()) return "'" + *s + "'";
   if (const auto* n = value.number()) {
     const char* kinds[] = {"i", "u", "ll", "ull", "b"};
-    return kinds[static_cast<int>(n->kind)] + std::to_string(n->bits);
+    const bool ull = n->kind == tarvex::itx::xpc::NumberKind::UnsignedLongLong;
+    return kinds[static_cast<int>(n->kind)] +
+           (ull ? std::to_string(n->bits) : std::to_string(n->asSigned()));
   }
   std::string out;
   if (const auto* d = value.dictionary()) {
