@@ -386,9 +386,16 @@ TEST_F(LinuxXpcTransport, BadFramesAreLoggedAndDropTheLink) {
   }
 }
 
-// The runtime directory comes from the environment in every process and
-// kernel test.
 TEST_F(LinuxXpcTransport, SocketFilesAreNamedPlacedAndReplacedOnlyWhenStale) {
+  // The runtime directory: the argument, else $LUMO_RUNTIME_DIR, else /run/tarvex.
+  const char* saved = getenv(kRuntimeDirVariable);
+  const std::string restore = saved ? saved : "";
+  setenv(kRuntimeDirVariable, "/tmp/trial", 1);
+  EXPECT_EQ(resolveRuntimeDir("/var/run/x"), "/var/run/x");
+  EXPECT_EQ(resolveRuntimeDir(""), "/tmp/trial");
+  unsetenv(kRuntimeDirVariable);
+  EXPECT_EQ(resolveRuntimeDir(""), "/run/tarvex");
+  if (saved) setenv(kRuntimeDirVariable, restore.c_str(), 1);
   std::string error;
   EXPECT_EQ(socketPathFor(kService, "/run/tarvex", &error),
             "/run/tarvex/com.tarvex.lumo.protectiond.xpc.sock");
