@@ -100,7 +100,7 @@ TEST(LinuxDispatch, BlockedQueueDelaysNeitherOtherQueuesNorTimers) {
   EXPECT_TRUE(released.waitFor(kBlocked + 1));
 }
 
-TEST(LinuxDispatch, AfterFiresInDeadlineOrderAndNeverEarly) {
+TEST(LinuxDispatch, TimersFireInDeadlineOrderNeverEarlyAndNeverOnceCancelled) {
   std::mutex mutex;
   std::vector<int> order;
   Tally done;
@@ -108,27 +108,36 @@ TEST(LinuxDispatch, AfterFiresInDeadlineOrderAndNeverEarly) {
   // The clock counts CLOCK_MONOTONIC nanoseconds.
   timespec ts{};
   clock_gettime(CLOCK_MONOTONIC, &ts);
-  const uint64_t base = static_cast<uint64_t>(ts.tv_sec) * 1000000000ull + ts.tv_nsec;
-  EXPECT_LE(base, clock.now());
-  EXPECT_GT(base + kMillis, clock.now());
+  const uint64_t then = static_cast<uint64_t>(ts.tv_sec) * 1000000000ull + ts.tv_nsec;
+  EXPECT_LE(then, clock.now());
+  EXPECT_GT(then + kMillis, clock.now());
   // One thread makes the queue run tasks in the order the timer posts them.
   LinuxDispatch dispatch(clock, threadsEach(1));
   QueueRef queue = dispatch.createConcurrentQueue("t.timers", QosClass::Default);
-  // {id, deadline}; ids are the expected firing order. Equal deadlines keep
-  // their scheduling order and a deadline in the past fires at once.
+  // Deadlines start once all are set, so only the one in the past is due
+  // meanwhile. {id, deadline}; ids are the expected firing order, negative
+  // ones are cancelled (the earliest among them). Equal deadlines keep their
+  // scheduling order.
+  const uint64_t base = clock.now() + 100 * kMillis;
   const std::pair<int, uint64_t> timers[] = {
-      {5, base + 40 * kMillis}, {1, base + 10 * kMillis}, {4, base + 30 * kMillis}, {0, 0},
-      {2, base + 20 * kMillis}, {3, base + 20 * kMillis},
+      {5, base + 40 * kMillis}, {-1, base}, {1, base + 10 * kMillis}, {4, base + 30 * kMillis},
+      {0, 0}, {2, base + 20 * kMillis}, {-2, base + 25 * kMillis}, {3, base + 20 * kMillis},
   };
+  std::vector<TimerRef> cancelled;
+  TimerRef fired;
   for (const auto& [id, when] : timers) {
-    dispatch.after(when, queue, [&, id = id, when = when] {
+    TimerRef timer = dispatch.after(when, queue, [&, id = id, when = when] {
       EXPECT_GE(clock.now(), when) << "timer " << id << " fired early";
       std::lock_guard lock(mutex);
       order.push_back(id);
       done.add();
     });
+    if (id < 0) cancelled.push_back(timer);
+    if (id == 0) fired = timer;
   }
+  for (const TimerRef& timer : cancelled) timer->cancel();
   ASSERT_TRUE(done.waitFor(6));
+  fired->cancel();  // too late: harmless
   std::lock_guard lock(mutex);
   EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3, 4, 5}));
 }
