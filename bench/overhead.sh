@@ -52,6 +52,8 @@ for i in range(3000):
 pids=()
 stop_all() {
   for p in "${pids[@]}"; do kill -KILL "$p" 2>/dev/null || true; done
+  # Reaped here, so the shell does not report them killed.
+  for p in "${pids[@]}"; do wait "$p" 2>/dev/null || true; done
   pids=()
   auditctl -D >/dev/null 2>&1 || true
   [ -f "$work/auditd.pid" ] && kill "$(cat "$work/auditd.pid")" 2>/dev/null || true
