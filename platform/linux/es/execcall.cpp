@@ -6,10 +6,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cerrno>
 #include <cstring>
 #include <cstdlib>
 #include <sstream>
+#include <string_view>
+#include <thread>
 
 namespace endpointsecurity::linux_es {
 
@@ -18,6 +21,8 @@ namespace {
 constexpr size_t kMaxArgs = 4096;
 constexpr size_t kMaxArgBytes = 128 * 1024;
 constexpr size_t kMaxString = 4096;
+constexpr std::string_view kRunning = "running";
+constexpr int kRunningRetries = 40;  // a few milliseconds
 
 class Fd {
  public:
@@ -102,12 +107,20 @@ std::optional<SyscallState> parseSyscall(const std::string& text) {
 
 std::optional<ExecCall> readExecCall(pid_t pid, bool withArgs, const std::string& procRoot) {
   const std::string dir = procRoot + "/" + std::to_string(pid);
-  // Read on the caller's exec path: one plain read, no streams.
+  // Read on the caller's exec path: plain reads, no streams. A caller
+  // waiting for a permission answer is woken whenever the group answers any
+  // event and looks for its own; meanwhile the file says "running": read
+  // again until it shows the call (kRunningRetries at most).
   char text[512];
   ssize_t length = -1;
   {
     const Fd syscallFile(open((dir + "/syscall").c_str(), O_RDONLY | O_CLOEXEC));
-    if (syscallFile.get() >= 0) length = read(syscallFile.get(), text, sizeof text - 1);
+    for (int attempt = 0; syscallFile.get() >= 0 && attempt < kRunningRetries; ++attempt) {
+      length = pread(syscallFile.get(), text, sizeof text - 1, 0);
+      const std::string_view shown(text, length > 0 ? static_cast<size_t>(length) : 0);
+      if (!shown.starts_with(kRunning)) break;
+      std::this_thread::sleep_for(std::chrono::microseconds(20));
+    }
   }
   if (length <= 0) return std::nullopt;
   const std::string line(text, strnlen(text, static_cast<size_t>(length)));

@@ -193,23 +193,26 @@ void FanotifyAuthSource::handle(int eventFd, uint64_t mask, pid_t pid) {
   }
   const bool exec = (mask & FAN_OPEN_EXEC_PERM) && hub_.wants(ES_EVENT_TYPE_AUTH_EXEC);
   const bool open = (mask & FAN_OPEN_PERM) && hub_.wants(ES_EVENT_TYPE_AUTH_OPEN);
-  std::optional<ExecCall> call;
+  bool image = false;
   std::string path;
   if (exec) {
-    call = readExecCall(pid, /*withArgs=*/false);
     path = pathOfFd(eventFd);
-    // The loader and a script's interpreter are opened for exec too.
-    if (call && !namesFile(pid, call->filename, path, eventFd)) {
+    // The loader and a script's interpreter are opened for exec too. When
+    // the call can't be read, the open counts as the image: a question too
+    // many is harmless, one not asked is not.
+    const std::optional<ExecCall> call = readExecCall(pid, /*withArgs=*/false);
+    image = !call || namesFile(pid, call->filename, path, eventFd);
+    if (!call) LOG_DEBUG("Exec call of pid %d unreadable; its exec open is the image.", pid);
+    if (!image) {
       sawInterpreter(eventFd, path);
-      call.reset();
+      LOG_DEBUG("Exec open by pid %d is not the image an execve names; allowed.", pid);
     }
-    if (!call) LOG_DEBUG("Exec open by pid %d is not the image an execve names; allowed.", pid);
   }
-  if (!(exec && call) && !open) {
+  if (!image && !open) {
     respond(eventFd, true);
     return;
   }
-  const es_event_type_t type = exec && call ? ES_EVENT_TYPE_AUTH_EXEC : ES_EVENT_TYPE_AUTH_OPEN;
+  const es_event_type_t type = image ? ES_EVENT_TYPE_AUTH_EXEC : ES_EVENT_TYPE_AUTH_OPEN;
   auto* message = new Message(type, ES_ACTION_TYPE_AUTH);
   std::optional<ProcessInfo> caller = hub_.processes().lookup(pid);
   ProcessInfo info = caller ? *caller : ProcessInfo{};
