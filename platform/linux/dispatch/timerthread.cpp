@@ -44,15 +44,15 @@ struct TimerThread::Book {
   void armLocked() {
     const uint64_t when = pending.empty() ? 0 : pending.begin()->first.when;
     if (when == armed) return;
-    itimerspec spec{};
+    itimerspec setting{};
     if (when != 0) {
       const uint64_t now = clock.now();
       uint64_t nanos = when > now ? clock.ticksToNanos(when - now) : 0;
       nanos = std::clamp<uint64_t>(nanos, 1, kMaxWaitNanos);  // 0 would disarm
-      spec.it_value.tv_sec = static_cast<time_t>(nanos / 1'000'000'000);
-      spec.it_value.tv_nsec = static_cast<long>(nanos % 1'000'000'000);
+      setting.it_value.tv_sec = static_cast<time_t>(nanos / 1'000'000'000);
+      setting.it_value.tv_nsec = static_cast<long>(nanos % 1'000'000'000);
     }
-    timerfd_settime(fd, 0, &spec, nullptr);
+    timerfd_settime(fd, 0, &setting, nullptr);
     armed = when;
   }
 
