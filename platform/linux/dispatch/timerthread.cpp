@@ -19,6 +19,8 @@ namespace {
 // Far-off deadlines are looked at again after this long, which keeps the
 // time arithmetic in range.
 constexpr uint64_t kMaxWaitNanos = 3600ull * 1000 * 1000 * 1000;
+// How far off a kernel timer setting must be for a cancel to leave it.
+constexpr uint64_t kLazyNanos = 100ull * 1000 * 1000;
 }  // namespace
 
 struct TimerThread::Book {
@@ -40,13 +42,19 @@ struct TimerThread::Book {
   ~Book() { close(fd); }
 
   // Sets the kernel timer for the earliest pending timer, or clears it.
-  // Under mutex.
-  void armLocked() {
+  // After a cancel, a setting still far off stays: going off early then
+  // costs one wake-up, while resetting it would cost a system call for
+  // every AUTH answered in time. Under mutex.
+  void armLocked(bool cancelled = false) {
     const uint64_t when = pending.empty() ? 0 : pending.begin()->first.when;
     if (when == armed) return;
+    const uint64_t now = clock.now();
+    if (cancelled && armed != 0 && (when == 0 || when > armed) && armed > now &&
+        clock.ticksToNanos(armed - now) > kLazyNanos) {
+      return;
+    }
     itimerspec setting{};
     if (when != 0) {
-      const uint64_t now = clock.now();
       uint64_t nanos = when > now ? clock.ticksToNanos(when - now) : 0;
       nanos = std::clamp<uint64_t>(nanos, 1, kMaxWaitNanos);  // 0 would disarm
       setting.it_value.tv_sec = static_cast<time_t>(nanos / 1'000'000'000);
@@ -66,7 +74,7 @@ struct TimerThread::Book {
       if (it == pending.end()) return;
       dropped = std::move(it->second);
       pending.erase(it);
-      armLocked();
+      armLocked(/*cancelled=*/true);
     }
   }
 

@@ -43,7 +43,7 @@ ProcessInfo ProcessRecordDecoder::infoOf(const lumo_proc_ident& ident) const {
   return info;
 }
 
-std::string ProcessRecordDecoder::resolveImage(const std::string& name, pid_t pid) const {
+std::string ProcessRecordDecoder::resolveImage(const std::string& name, pid_t pid) {
   if (name.empty()) return name;
   std::string full = name;
   if (name[0] != '/') {
@@ -53,8 +53,16 @@ std::string ProcessRecordDecoder::resolveImage(const std::string& name, pid_t pi
     if (n <= 0) return name;
     full = std::string(cwd, static_cast<size_t>(n)) + "/" + name;
   }
+  // Images repeat (a shell loop, a build): resolved ones are kept for a
+  // second, which spares an exec's critical path a readlink per component.
+  const auto now = std::chrono::steady_clock::now();
+  auto known = images_.find(full);
+  if (known != images_.end() && now - known->second.at < kImageTtl) return known->second.path;
   char resolved[PATH_MAX];
-  return realpath(full.c_str(), resolved) != nullptr ? std::string(resolved) : full;
+  std::string path = realpath(full.c_str(), resolved) != nullptr ? std::string(resolved) : full;
+  if (images_.size() >= kImages) images_.clear();
+  images_[full] = {path, now};
+  return path;
 }
 
 bool ProcessRecordDecoder::handle(const void* data, size_t size) {

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <string>
+#include <unordered_map>
 
 #include "es/eventsource.h"
 #include "es/procinfo.h"
@@ -24,14 +26,22 @@ class ProcessRecordDecoder {
   ProcessInfo infoOf(const lumo_proc_ident& ident) const;
   // The image's path: the kernel's name resolved against the process's
   // working directory, symlinks followed.
-  std::string resolveImage(const std::string& name, pid_t pid) const;
+  std::string resolveImage(const std::string& name, pid_t pid);
   void onExec(const lumo_proc_event& record);
   void onFork(const lumo_proc_event& record);
   void onExit(const lumo_proc_event& record);
 
+  struct Resolved {
+    std::string path;
+    std::chrono::steady_clock::time_point at;
+  };
+  static constexpr auto kImageTtl = std::chrono::seconds(1);
+  static constexpr size_t kImages = 1024;
+
   IEventSink& sink_;
   const long ticksPerSecond_;
   uint64_t malformed_ = 0;
+  std::unordered_map<std::string, Resolved> images_;  // by the kernel's name, made absolute
 };
 
 }  // namespace endpointsecurity::linux_es
