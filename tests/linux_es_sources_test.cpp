@@ -7,6 +7,8 @@
 // tier, print filters held and denied by their arguments).
 #include <gtest/gtest.h>
 #include <linux/fanotify.h>
+#include <elf.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -18,6 +20,7 @@
 
 #include "es/bpf/processevent.h"
 #include "es/execcall.h"
+#include "es/execformat.h"
 #include "es/fanotifydecoder.h"
 #include "es/message.h"
 #include "es/mounts.h"
@@ -432,5 +435,68 @@ TEST(LinuxProcInfo, ReadsAProcessTreeAndNeverAnswersForAnotherProcessUnderThePid
   EXPECT_EQ(cache.lookup(500)->exe, "/usr/bin/next");
 }
 
+
+// An ELF64 file: the header, its program headers and, when `loader` is
+// given, a PT_INTERP naming it at `loaderAt`.
+std::string elf(const std::string& loader, uint64_t loaderAt = 0x200) {
+  Elf64_Ehdr header{};
+  std::memcpy(header.e_ident, ELFMAG, SELFMAG);
+  header.e_ident[EI_CLASS] = ELFCLASS64;
+  header.e_ident[EI_DATA] = ELFDATA2LSB;
+  header.e_phoff = sizeof header;
+  header.e_phentsize = sizeof(Elf64_Phdr);
+  header.e_phnum = loader.empty() ? 1 : 2;
+  std::string file(reinterpret_cast<const char*>(&header), sizeof header);
+  Elf64_Phdr load{};
+  load.p_type = PT_LOAD;
+  file.append(reinterpret_cast<const char*>(&load), sizeof load);
+  if (!loader.empty()) {
+    Elf64_Phdr interp{};
+    interp.p_type = PT_INTERP;
+    interp.p_offset = loaderAt;
+    interp.p_filesz = loader.size() + 1;
+    file.append(reinterpret_cast<const char*>(&interp), sizeof interp);
+    file.resize(loaderAt, '\0');
+    file.append(loader.c_str(), loader.size() + 1);
+  }
+  return file;
+}
+
+TEST(LinuxExecFormat, ScriptsLoadersAndUnknownFormatsNeedAnInterpreterAndCraftedHeadersAreSafe) {
+  const fs::path dir = fs::temp_directory_path() / ("lumo-format-" + std::to_string(getpid()));
+  fs::create_directories(dir);
+  const std::string loader = "/lib64/ld-linux-x86-64.so.2";
+  auto formatOf = [&](const std::string& bytes, const std::string& known) {
+    const fs::path path = dir / "f";
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    const ExecFormat format = execFormatOf(fd, known);
+    EXPECT_EQ(elfInterpreter(fd), bytes.size() > 0x200 ? loader : "");
+    close(fd);
+    return format;
+  };
+  constexpr ExecFormat kSelf = ExecFormat::kSelfContained;
+  constexpr ExecFormat kInterp = ExecFormat::kNeedsInterpreter;
+  EXPECT_EQ(formatOf("#!/bin/sh\n", loader), kInterp);
+  EXPECT_EQ(formatOf(elf(""), ""), kSelf);  // static
+  EXPECT_EQ(formatOf(elf(loader), loader), kSelf);
+  EXPECT_EQ(formatOf(elf(loader), ""), kInterp);
+  EXPECT_EQ(formatOf(elf(loader), "/lib/ld-musl-x86_64.so.1"), kInterp);
+  // The loader's name beyond the first kilobyte is read all the same.
+  EXPECT_EQ(formatOf(elf(loader, 0x2000), loader), kSelf);
+  // A binfmt_misc format or garbage: the next exec open is checked.
+  EXPECT_EQ(formatOf("MZ\x90\0", loader), kInterp);
+  EXPECT_EQ(formatOf("", loader), kInterp);
+  // Headers pointing anywhere: nothing read out of bounds, and the file
+  // is not trusted to be self-contained.
+  std::string wild = elf("");
+  reinterpret_cast<Elf64_Ehdr*>(wild.data())->e_phoff = ~uint64_t{0} - 8;
+  EXPECT_EQ(formatOf(wild, loader), kInterp);
+  wild = elf("");
+  reinterpret_cast<Elf64_Ehdr*>(wild.data())->e_phnum = 0xffff;
+  EXPECT_EQ(formatOf(wild, loader), kInterp);
+  EXPECT_EQ(formatOf(elf("").substr(0, 40), loader), kInterp);
+  fs::remove_all(dir);
+}
 }  // namespace
 }  // namespace endpointsecurity::linux_es

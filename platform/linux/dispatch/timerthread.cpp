@@ -19,8 +19,8 @@ namespace {
 // Far-off deadlines are looked at again after this long, which keeps the
 // time arithmetic in range.
 constexpr uint64_t kMaxWaitNanos = 3600ull * 1000 * 1000 * 1000;
-// How far off a kernel timer setting must be for a cancel to leave it.
-constexpr uint64_t kLazyNanos = 100ull * 1000 * 1000;
+// A kernel timer setting this close is moved when its timer is cancelled.
+constexpr uint64_t kSoonNanos = 100ull * 1000 * 1000;
 }  // namespace
 
 struct TimerThread::Book {
@@ -41,25 +41,29 @@ struct TimerThread::Book {
   }
   ~Book() { close(fd); }
 
-  // Sets the kernel timer for the earliest pending timer, or clears it.
-  // After a cancel, a setting still far off stays: going off early then
-  // costs one wake-up, while resetting it would cost a system call for
-  // every AUTH answered in time. Under mutex.
-  void armLocked(bool cancelled = false) {
-    const uint64_t when = pending.empty() ? 0 : pending.begin()->first.when;
+  // Sets the kernel timer for the earliest pending timer. A setting that
+  // goes off no later than needed stays: going off early costs one wake-up,
+  // while moving it would cost a system call for every AUTH scheduled and
+  // answered in time. Only a setting due soon whose own timer was cancelled
+  // (a stall check's) is moved, since its wake-up would come at once; with
+  // nothing pending it is parked kSoonNanos ahead, early enough for the
+  // AUTH timers that follow to need no setting. Under mutex.
+  void armLocked(uint64_t cancelled = 0) {
+    uint64_t when = pending.empty() ? 0 : pending.begin()->first.when;
     if (when == armed) return;
     const uint64_t now = clock.now();
-    if (cancelled && armed != 0 && (when == 0 || when > armed) && armed > now &&
-        clock.ticksToNanos(armed - now) > kLazyNanos) {
-      return;
+    if (armed != 0 && (when == 0 || armed <= when)) {
+      if (cancelled != armed || armed <= now || clock.ticksToNanos(armed - now) >= kSoonNanos) {
+        return;
+      }
+      if (when == 0) when = now + clock.nanosToTicks(kSoonNanos);
     }
+    if (when == 0) return;
+    uint64_t nanos = when > now ? clock.ticksToNanos(when - now) : 0;
+    nanos = std::clamp<uint64_t>(nanos, 1, kMaxWaitNanos);  // 0 would disarm
     itimerspec setting{};
-    if (when != 0) {
-      uint64_t nanos = when > now ? clock.ticksToNanos(when - now) : 0;
-      nanos = std::clamp<uint64_t>(nanos, 1, kMaxWaitNanos);  // 0 would disarm
-      setting.it_value.tv_sec = static_cast<time_t>(nanos / 1'000'000'000);
-      setting.it_value.tv_nsec = static_cast<long>(nanos % 1'000'000'000);
-    }
+    setting.it_value.tv_sec = static_cast<time_t>(nanos / 1'000'000'000);
+    setting.it_value.tv_nsec = static_cast<long>(nanos % 1'000'000'000);
     timerfd_settime(fd, 0, &setting, nullptr);
     armed = when;
   }
@@ -74,7 +78,7 @@ struct TimerThread::Book {
       if (it == pending.end()) return;
       dropped = std::move(it->second);
       pending.erase(it);
-      armLocked(/*cancelled=*/true);
+      armLocked(/*cancelled=*/key.when);
     }
   }
 

@@ -1,7 +1,6 @@
 #include "es/fanotifyauthsource.h"
 
 #include <fcntl.h>
-#include <link.h>
 #include <limits.h>
 #include <poll.h>
 #include <sys/fanotify.h>
@@ -15,6 +14,7 @@
 #include "dispatch/threadname.h"
 #include "dispatch/threadpriority.h"
 #include "es/execcall.h"
+#include "es/execformat.h"
 #include "es/linuxendpointsecurity.h"
 #include "es/message.h"
 #include "es/mounts.h"
@@ -48,29 +48,29 @@ bool namesFile(pid_t pid, const std::string& filename, const std::string& opened
          named.st_dev == opened.st_dev && named.st_ino == opened.st_ino;
 }
 
-// The ELF interpreter this program was started with: the loader of the
-// machine's native binaries.
+// The ELF loader named in this program's own header: the loader of the
+// machine's native binaries, as written there.
 std::string nativeLoader() {
-  std::string interp;
-  dl_iterate_phdr(
-      [](dl_phdr_info* info, size_t, void* out) {
-        for (ElfW(Half) i = 0; i < info->dlpi_phnum; ++i) {
-          if (info->dlpi_phdr[i].p_type == PT_INTERP) {
-            *static_cast<std::string*>(out) =
-                reinterpret_cast<const char*>(info->dlpi_addr + info->dlpi_phdr[i].p_vaddr);
-          }
-        }
-        return 1;  // the first object is the program itself
-      },
-      &interp);
-  char resolved[PATH_MAX];
-  return !interp.empty() && realpath(interp.c_str(), resolved) != nullptr ? resolved : "";
+  const int self = open("/proc/self/exe", O_RDONLY | O_CLOEXEC);
+  if (self < 0) return "";
+  std::string name = elfInterpreter(self);
+  close(self);
+  return name;
 }
+
+std::string resolved(const std::string& path) {
+  char buffer[PATH_MAX];
+  return !path.empty() && realpath(path.c_str(), buffer) != nullptr ? buffer : "";
+}
+
+// Callers awaiting an interpreter are few at a time; past this many, some
+// exec failed unseen and the oldest guesses are worthless.
+constexpr size_t kMaxAwaiting = 4096;
 
 }  // namespace
 
 FanotifyAuthSource::FanotifyAuthSource(LinuxEndpointSecurity& hub)
-    : hub_(hub), self_(getpid()), loader_(nativeLoader()) {}
+    : hub_(hub), self_(getpid()), loaderName_(nativeLoader()), loader_(resolved(loaderName_)) {}
 
 FanotifyAuthSource::~FanotifyAuthSource() { stop(); }
 
@@ -88,6 +88,8 @@ void FanotifyAuthSource::closeGroup() {
   group_.reset();  // closed once no answer is pending; the kernel allows the rest
   marked_.clear();
   devices_.clear();
+  awaiting_.clear();
+  loaderIgnored_ = false;
   mask_ = 0;
 }
 
@@ -178,11 +180,33 @@ void FanotifyAuthSource::sawInterpreter(int eventFd, const std::string& path) {
                     FAN_OPEN_EXEC_PERM, eventFd, nullptr) == 0) {
     LOG_INFO("Exec permission events of the loader %{public}s are no longer asked for.",
              path.c_str());
+    loaderIgnored_ = true;
   } else {
     LOG_ERROR("Ignoring exec permission events of %{public}s failed: %{public}s", path.c_str(),
               strerror(errno));
     loader_.clear();  // not again for every exec
   }
+}
+
+bool FanotifyAuthSource::isImage(int eventFd, pid_t pid, const std::string& path) {
+  bool image = true;
+  if (awaiting_.erase(pid) != 0) {
+    // The call tells. When it can't be read, the open counts as the image:
+    // a question too many is harmless, one not asked is not.
+    const std::optional<ExecCall> call = readExecCall(pid, /*withArgs=*/false);
+    image = !call || namesFile(pid, call->filename, path, eventFd);
+    if (!call) LOG_DEBUG("Exec call of pid %d unreadable; its exec open is the image.", pid);
+    if (!image) {
+      sawInterpreter(eventFd, path);
+      LOG_DEBUG("Exec open by pid %d is not the image an execve names; allowed.", pid);
+    }
+  }
+  if (execFormatOf(eventFd, loaderIgnored_ ? loaderName_ : std::string()) ==
+      ExecFormat::kNeedsInterpreter) {
+    if (awaiting_.size() >= kMaxAwaiting) awaiting_.clear();
+    awaiting_.insert(pid);
+  }
+  return image;
 }
 
 void FanotifyAuthSource::handle(int eventFd, uint64_t mask, pid_t pid) {
@@ -197,16 +221,7 @@ void FanotifyAuthSource::handle(int eventFd, uint64_t mask, pid_t pid) {
   std::string path;
   if (exec) {
     path = pathOfFd(eventFd);
-    // The loader and a script's interpreter are opened for exec too. When
-    // the call can't be read, the open counts as the image: a question too
-    // many is harmless, one not asked is not.
-    const std::optional<ExecCall> call = readExecCall(pid, /*withArgs=*/false);
-    image = !call || namesFile(pid, call->filename, path, eventFd);
-    if (!call) LOG_DEBUG("Exec call of pid %d unreadable; its exec open is the image.", pid);
-    if (!image) {
-      sawInterpreter(eventFd, path);
-      LOG_DEBUG("Exec open by pid %d is not the image an execve names; allowed.", pid);
-    }
+    image = isImage(eventFd, pid, path);
   }
   if (!image && !open) {
     respond(eventFd, true);

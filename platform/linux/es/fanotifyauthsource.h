@@ -6,6 +6,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <unordered_set>
 
 #include "es/eventsource.h"
 
@@ -46,13 +47,22 @@ class FanotifyAuthSource final : public IEventSource {
   void run();
   void handle(int eventFd, uint64_t mask, pid_t pid);
   void respond(int eventFd, bool allow);
+  // Whether an exec open is the image the caller's execve names, rather
+  // than a file the kernel opens for it (its loader, a script's
+  // interpreter). Those come only after an image that needs one, so only
+  // then is the blocked call read to tell them apart.
+  bool isImage(int eventFd, pid_t pid, const std::string& path);
   // An exec open that was not the image: the native loader gets its ignore
   // mark.
   void sawInterpreter(int eventFd, const std::string& path);
 
   LinuxEndpointSecurity& hub_;
   const pid_t self_;
-  std::string loader_;  // the native ELF loader, resolved; empty once marking it failed
+  const std::string loaderName_;  // the native ELF loader, as binaries name it
+  std::string loader_;            // and resolved; empty once marking it failed
+  bool loaderIgnored_ = false;
+  // Callers whose next exec open may be an interpreter (reader thread only).
+  std::unordered_set<pid_t> awaiting_;
   std::mutex mutex_;
   // Shared with pending answers: the group stays open until the last one.
   std::shared_ptr<int> group_;
