@@ -15,6 +15,7 @@
 #include "dispatch/threadpriority.h"
 #include "es/execcall.h"
 #include "es/execformat.h"
+#include "es/fdpath.h"
 #include "es/linuxendpointsecurity.h"
 #include "es/message.h"
 #include "es/mounts.h"
@@ -27,13 +28,6 @@ namespace endpointsecurity::linux_es {
 namespace {
 
 constexpr uint32_t kFRead = 0x1;
-
-std::string pathOfFd(int fd) {
-  char buf[PATH_MAX];
-  const std::string link = "/proc/self/fd/" + std::to_string(fd);
-  const ssize_t n = readlink(link.c_str(), buf, sizeof buf - 1);
-  return n > 0 ? std::string(buf, static_cast<size_t>(n)) : std::string();
-}
 
 // Whether the file behind fd is the one the exec call names, resolved the
 // way the kernel did: from the caller's working directory.

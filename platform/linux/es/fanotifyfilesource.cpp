@@ -1,7 +1,6 @@
 #include "es/fanotifyfilesource.h"
 
 #include <fcntl.h>
-#include <limits.h>
 #include <poll.h>
 #include <sys/fanotify.h>
 #include <sys/stat.h>
@@ -15,6 +14,7 @@
 
 #include "dispatch/threadname.h"
 #include "dispatch/wakebatch.h"
+#include "es/fdpath.h"
 #include "es/mounts.h"
 #include "log/log.h"
 
@@ -217,14 +217,11 @@ std::optional<std::string> FanotifyFileSource::path(const std::string& key) {
                                    O_PATH | O_CLOEXEC);
   close(mountFd);
   if (fd < 0) return std::nullopt;  // ESTALE: gone since
-  char buf[PATH_MAX];
-  const std::string link = "/proc/self/fd/" + std::to_string(fd);
-  const ssize_t n = readlink(link.c_str(), buf, sizeof buf - 1);
+  std::string path = pathOfFd(fd);
   struct stat st{};
   const bool statted = fstat(fd, &st) == 0;
   close(fd);
-  if (n <= 0) return std::nullopt;
-  std::string path(buf, static_cast<size_t>(n));
+  if (path.empty()) return std::nullopt;
   constexpr std::string_view kDeleted = " (deleted)";
   if (path.size() > kDeleted.size() && path.ends_with(kDeleted)) {
     path.resize(path.size() - kDeleted.size());
