@@ -187,6 +187,7 @@ class Decoder : public ::testing::Test {
 TEST_F(Decoder, OpensClosesLinksAndDeletesCarryPathsSizesAndTheTrueModifiedFlag) {
   Records r;
   r.event(FAN_OPEN).entry(1, "a").fid(10);
+  r.event(FAN_OPEN | FAN_OPEN_EXEC).entry(1, "a").fid(10);  // an exec's: reported as the exec
   r.event(FAN_MODIFY).entry(1, "a").fid(10);
   r.event(FAN_CLOSE_WRITE).entry(1, "a").fid(10);
   r.event(FAN_CLOSE_WRITE).entry(1, "a").fid(10);               // the modification was forgotten

@@ -178,11 +178,12 @@ void FanotifyDecoder::dispatch(const Record& r) {
   }
   if (r.mask & FAN_ATTRIB) lastAttrib_ = r;
   std::optional<std::string> path;
-  if ((r.mask & (FAN_OPEN | FAN_CLOSE_WRITE)) && r.entry) {
+  const bool opened = (r.mask & FAN_OPEN) && !(r.mask & FAN_OPEN_EXEC);
+  if ((opened || (r.mask & FAN_CLOSE_WRITE)) && r.entry) {
     path = pathOf(*r.entry);
     if (path && r.objectKey) rememberPath(*r.objectKey, *path);
   }
-  if ((r.mask & FAN_OPEN) && path) emitOpen(r, *path);
+  if (opened && path) emitOpen(r, *path);
   if (r.mask & FAN_CLOSE_WRITE) {
     // Opened for writing is not modified: only a MODIFY since the open is.
     const bool modified =

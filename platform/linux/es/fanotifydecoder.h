@@ -38,7 +38,10 @@ struct FileDecoderCounters {
 
 // Decodes fanotify FID-mode records (FAN_REPORT_DFID_NAME with the object's
 // FID) into file messages:
-//   FAN_OPEN                      -> NOTIFY_OPEN
+//   FAN_OPEN                      -> NOTIFY_OPEN, unless it is an exec's
+//                                    (FAN_OPEN_EXEC): the kernel's opening
+//                                    of an image and its loader is the
+//                                    exec, not an open by the program
 //   FAN_MODIFY .. FAN_CLOSE_WRITE -> NOTIFY_CLOSE, modified only if data
 //                                    changed between open and close
 //   FAN_RENAME                    -> NOTIFY_RENAME; new path, or existing

@@ -50,7 +50,8 @@ EventSet FanotifyFileSource::types() const {
 
 uint64_t FanotifyFileSource::maskFor(const EventSet& wanted) {
   uint64_t mask = 0;
-  if (wanted.test(ES_EVENT_TYPE_NOTIFY_OPEN)) mask |= FAN_OPEN;
+  // An exec's opens come with FAN_OPEN_EXEC set too, which tells them apart.
+  if (wanted.test(ES_EVENT_TYPE_NOTIFY_OPEN)) mask |= FAN_OPEN | FAN_OPEN_EXEC;
   // A modification is remembered from MODIFY to the writer's close.
   if (wanted.test(ES_EVENT_TYPE_NOTIFY_CLOSE)) mask |= FAN_MODIFY | FAN_CLOSE_WRITE;
   // ATTRIB tells an overwriting rename (the victim's link count) and a
