@@ -10,8 +10,9 @@
 #               nothing)
 # The monitors take turns over several rounds, so that drift in a shared
 # machine's speed falls on all of them alike; each ratio is to "none" of
-# the same round, and the median of the rounds is reported. Needs root.
-#   LUMO_BENCH_ROUNDS=N  rounds (default 3)
+# the same round, and the median of the rounds is reported (the median of
+# each round's runs, which a stray slow run does not move). Needs root.
+#   LUMO_BENCH_ROUNDS=N  rounds (default 5)
 #   LUMO_BENCH_RUNS=N    hyperfine runs per case and round (default 5)
 #   LUMO_BENCH_ONLY="none lumo-all"   a subset of the monitors
 set -euo pipefail
@@ -32,7 +33,7 @@ cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLUMO_BUILD_T
 cmake --build "$build" -j "$(nproc)" --target lumo-es lumo-refdaemon >/dev/null
 bin=$(cd "$build" && pwd)
 
-rounds=${LUMO_BENCH_ROUNDS:-3}
+rounds=${LUMO_BENCH_ROUNDS:-5}
 runs=${LUMO_BENCH_RUNS:-5}
 monitors=${LUMO_BENCH_ONLY:-none lumo-notify lumo-all auditd fapolicyd}
 work=$(mktemp -d /var/tmp/lumo-bench.XXXXXX)
@@ -134,16 +135,18 @@ for m in monitors:
     for r in range(1, rounds + 1):
         with open(os.path.join(out, "%s.%d.json" % (m, r))) as f:
             for result in json.load(f)["results"]:
-                means.setdefault((m, result["command"]), []).append(result["mean"])
+                means.setdefault((m, result["command"]), []).append(result["median"])
 print()
-print("median of %d rounds; ratio = to no monitor in the same round" % rounds)
-print("%-12s %10s %8s %10s %8s" % ("monitor", "exec loop", "ratio", "file loop", "ratio"))
+print("median of %d rounds (each the median of its runs); ratio = to no monitor in the same"
+      " round, with the rounds' lowest and highest" % rounds)
+print("%-12s %10s %21s %10s %21s" % ("monitor", "exec loop", "ratio", "file loop", "ratio"))
 for m in monitors:
     row = [m]
     for w in ("exec", "files"):
         mine = means[(m, w)]
         base = means.get(("none", w), mine)
         ratios = [a / b for a, b in zip(mine, base)]
-        row += ["%.3f s" % statistics.median(mine), "%.3fx" % statistics.median(ratios)]
-    print("%-12s %10s %8s %10s %8s" % tuple(row))
+        row += ["%.3f s" % statistics.median(mine),
+                "%.3fx (%.2f-%.2f)" % (statistics.median(ratios), min(ratios), max(ratios))]
+    print("%-12s %10s %21s %10s %21s" % tuple(row))
 PY
