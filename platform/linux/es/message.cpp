@@ -2,8 +2,58 @@
 
 #include <algorithm>
 #include <cstring>
+#include <mutex>
+#include <vector>
 
 namespace endpointsecurity::linux_es {
+
+namespace {
+
+// Under AddressSanitizer every message is new, so that a use after its
+// last release is caught.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr size_t kSpareMessages = 0;
+#else
+constexpr size_t kSpareMessages = 256;
+#endif
+
+struct SpareBlocks {
+  SpareBlocks() { blocks.reserve(kSpareMessages); }
+  std::mutex mutex;
+  std::vector<void*> blocks;
+};
+
+SpareBlocks& spares() {
+  static SpareBlocks* const pool = new SpareBlocks;  // outlives late releases
+  return *pool;
+}
+
+}  // namespace
+
+void* Message::operator new(size_t size) {
+  if (kSpareMessages > 0 && size == sizeof(Message)) {
+    SpareBlocks& pool = spares();
+    std::lock_guard<std::mutex> lock(pool.mutex);
+    if (!pool.blocks.empty()) {
+      void* block = pool.blocks.back();
+      pool.blocks.pop_back();
+      return block;
+    }
+  }
+  return ::operator new(size);
+}
+
+void Message::operator delete(void* block, size_t size) {
+  if (kSpareMessages > 0 && size == sizeof(Message)) {
+    SpareBlocks& pool = spares();
+    std::lock_guard<std::mutex> lock(pool.mutex);
+    if (pool.blocks.size() < kSpareMessages) {
+      pool.blocks.push_back(block);
+      return;
+    }
+  }
+  ::operator delete(block);
+}
 
 Message::Message(es_event_type_t type, es_action_type_t action) {
   es.version = 1;

@@ -104,6 +104,11 @@ class Message {
   Message(const Message&) = delete;
   Message& operator=(const Message&) = delete;
 
+  // Recycled: at 2 KiB a message is a large request to malloc, which then
+  // sweeps its fast bins every time.
+  static void* operator new(size_t size);
+  static void operator delete(void* block, size_t size);
+
   static Message* from(const es_message_t* message) {
     return message == nullptr ? nullptr : static_cast<Message*>(message->reserved_facility);
   }
