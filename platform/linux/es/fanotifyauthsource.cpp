@@ -184,7 +184,9 @@ void FanotifyAuthSource::sawInterpreter(int eventFd, const std::string& path) {
 
 bool FanotifyAuthSource::isImage(int eventFd, pid_t pid, const std::string& path) {
   bool image = true;
-  if (awaiting_.erase(pid) != 0) {
+  // The loader itself is checked too: once updated it is a new inode that
+  // its ignore mark does not cover, opened for images thought complete.
+  if (awaiting_.erase(pid) != 0 || (!loader_.empty() && path == loader_)) {
     // The call tells. When it can't be read, the open counts as the image:
     // a question too many is harmless, one not asked is not.
     const std::optional<ExecCall> call = readExecCall(pid, /*withArgs=*/false);
