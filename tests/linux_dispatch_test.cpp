@@ -198,32 +198,21 @@ TEST(LinuxDispatch, DroppedQueuesFinishTheirWorkADestroyedDispatchDropsIt) {
   EXPECT_FALSE(ran.load());
 }
 
-TEST(LinuxWorkerPool, GrowsToItsCapThenIdleWorkersExitAndComeBack) {
-  Tally gate;
-  Tally started;
+// Idle workers exit and new work brings one back (how many may run at once
+// is the blocked queue's test); a released pool is reaped once its last
+// worker is gone.
+TEST(LinuxWorkerPool, IdleWorkersExitAndComeBackAndAReleasedPoolIsReaped) {
   Tally done;
   WorkerPool pool("t.pool", 3, 20ms);
-  EXPECT_EQ(pool.liveThreads(), 0u);
-  for (int i = 0; i < 5; ++i) {
-    pool.post([&] {
-      started.add();
-      gate.waitFor(1);
-      done.add();
-    });
-  }
-  ASSERT_TRUE(started.waitFor(3));
-  EXPECT_EQ(pool.liveThreads(), 3u);
-  EXPECT_EQ(started.count(), 3);
-  gate.add();
-  ASSERT_TRUE(done.waitFor(5));
-
+  pool.post([&] { done.add(); });
+  ASSERT_TRUE(done.waitFor(1));
   const auto deadline = std::chrono::steady_clock::now() + kPatience;
   while (pool.liveThreads() > 0 && std::chrono::steady_clock::now() < deadline) {
     std::this_thread::sleep_for(5ms);
   }
   EXPECT_EQ(pool.liveThreads(), 0u);
   pool.post([&] { done.add(); });
-  EXPECT_TRUE(done.waitFor(6));
+  EXPECT_TRUE(done.waitFor(2));
 
   pool.release();
   while (!pool.reap() && std::chrono::steady_clock::now() < deadline + kPatience) {
