@@ -26,10 +26,8 @@ using Messages = std::vector<std::unique_ptr<TestMessage>>;
 using ClientLifecycle = lumo::testing::ClientFixture;
 
 TEST_F(ClientLifecycle, InitNeedsAFacilityClientFailuresAreReportedAndStopDeletesItOnce) {
-  for (auto result : {ES_NEW_CLIENT_RESULT_ERR_NOT_PRIVILEGED, ES_NEW_CLIENT_RESULT_SUCCESS}) {
-    es.setNewClientResult(result, /*returnHandle=*/false);
-    EXPECT_FALSE(client->init());
-  }
+  es.setNewClientResult(ES_NEW_CLIENT_RESULT_ERR_NOT_PRIVILEGED);
+  EXPECT_FALSE(client->init());
   EXPECT_TRUE(sink.contains("] Error: es_new_client failed. The caller is not running as root."));
   observe("Proc", {ES_EVENT_TYPE_NOTIFY_EXEC}, false);
   EXPECT_FALSE(client->switchMode(TagProcObserver, true));
@@ -90,13 +88,11 @@ TEST_F(ClientDispatch, WatchdogAnswersAtEightyPercentOfTheTimeLeftUnlessAnswered
                   .deadline(start + 0x1'0000'1000)
                   .build();
   es.deliver(exec->get());
-  auto timers = dispatch.pendingTimers();
-  ASSERT_EQ(timers.size(), 1u);
-  EXPECT_EQ(timers[0].when, start + static_cast<uint64_t>(0x1'0000'1000 * 0.8));
-  EXPECT_EQ(timers[0].queue, kDeadlineQueue);
+  const auto timers = dispatch.pendingTimers();
+  ASSERT_EQ(timers, std::vector<uint64_t>{start + static_cast<uint64_t>(0x1'0000'1000 * 0.8)});
   // The observer has not run when the watchdog fires; when it does run, it
   // sees the answer and leaves the observers alone.
-  clock.advance(timers[0].when - start);
+  clock.advance(timers[0] - start);
   ASSERT_EQ(dispatch.fireDueTimers(), 1u);
   dispatch.runQueued(kDeadlineQueue);
   dispatch.runQueued(kAuthQueue);

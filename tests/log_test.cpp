@@ -1,24 +1,16 @@
-// The log: unified-log rendering, the level macros, and where lines go on
-// Linux (the journal when its socket is there, otherwise stderr, one whole
-// line per write).
+// The log: unified-log rendering, the level macros, and Linux's stderr
+// lines, one whole line per write.
 #include "log/log.h"
 
 #include <gtest/gtest.h>
 #include <stdio.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
-#include <cstring>
-#include <filesystem>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
 #include <vector>
 
-#include "log/journalsink.h"
 #include "log/stderrsink.h"
-#include "log/systemsink.h"
 #include "support/capture_sink.h"
 
 LUMO_LOG_MODULE("MAC_TESTLOG")
@@ -114,24 +106,6 @@ TEST(LinuxStderrSink, WritesEachLineWholeWithOneTrailingNewline) {
   EXPECT_EQ(lines, 800);
   fclose(file);
   free(buffer);
-}
-
-TEST(LinuxSystemSink, PicksTheJournalOnlyWhenItsSocketExists) {
-  char dir[] = "/tmp/lumo-sink-XXXXXX";
-  ASSERT_NE(mkdtemp(dir), nullptr);
-  const std::string socketPath = std::string(dir) + "/socket";
-  EXPECT_NE(dynamic_cast<StderrSink*>(makeSystemSink(socketPath.c_str()).get()), nullptr);
-  const int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
-  sockaddr_un addr{};
-  addr.sun_family = AF_UNIX;
-  std::strncpy(addr.sun_path, socketPath.c_str(), sizeof addr.sun_path - 1);
-  ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
-  EXPECT_NE(dynamic_cast<JournalSink*>(makeSystemSink(socketPath.c_str()).get()), nullptr);
-  close(fd);
-  std::filesystem::remove_all(dir);
-  // Writing must be harmless whether or not a journal is listening.
-  JournalSink().write(kLog, LogType::Debug, "lumo-es journal sink test\n");
-  JournalSink().write(LogObject{nullptr, nullptr}, LogType::Fault, "");
 }
 
 }  // namespace

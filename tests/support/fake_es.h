@@ -70,8 +70,8 @@ class FakeEndpointSecurity : public endpointsecurity::IEndpointSecurityApi {
   void failCall(Call call, bool fail = true) {
     locked([&] { fail ? void(failing_.insert(call)) : void(failing_.erase(call)); });
   }
-  void setNewClientResult(es_new_client_result_t result, bool returnHandle = true) {
-    locked([&] { newClientResult_ = result, newClientHandle_ = returnHandle; });
+  void setNewClientResult(es_new_client_result_t result) {
+    locked([&] { newClientResult_ = result; });
   }
   void addMutedProcess(const audit_token_t& t, size_t client = 0) {
     locked([&] { record_.clients.at(client).mutedProcesses.push_back(t); });
@@ -185,7 +185,6 @@ class FakeEndpointSecurity : public endpointsecurity::IEndpointSecurityApi {
   std::vector<endpointsecurity::MessageHandler> handlers_;
   std::set<Call> failing_;
   es_new_client_result_t newClientResult_ = ES_NEW_CLIENT_RESULT_SUCCESS;
-  bool newClientHandle_ = true;
 };
 
 }  // namespace lumo::testing
