@@ -5,7 +5,6 @@
 #include <cstdlib>
 #include <fstream>
 
-#include "rtnmac/machelper.h"
 #include "rtnmac/productpaths.h"
 #include "rtnmac/productroot.h"
 #include "support/capture_sink.h"
@@ -69,17 +68,6 @@ TEST_F(ProductFolders, MissingFoldersAreCreatedAndModesRepairedExactlyOnlyWhenDe
   EXPECT_TRUE(sink.contains("] Assert:  Assertion failed: [ false]Could not create the folder '" +
                             ep + "IPC/'"));
   EXPECT_FALSE(fs::exists(ep + "Temp/"));
-}
-
-TEST_F(ProductFolders, InstalledMeansTheApplicationIsAFolder) {
-  using tarvex::itx::rtnmac::MacHelper;
-  const std::string app = root.string() + tarvex::itx::rtnmac::productPaths().applicationBundle;
-  EXPECT_FALSE(MacHelper::isLumoInstalled());
-  make(app, fs::perms(0755), false);
-  EXPECT_FALSE(MacHelper::isLumoInstalled());
-  fs::remove(app);
-  fs::create_directory(app);
-  EXPECT_TRUE(MacHelper::isLumoInstalled());
 }
 
 }  // namespace

@@ -30,13 +30,8 @@ class FakeEndpointSecurity : public endpointsecurity::IEndpointSecurityApi {
     uint32_t flags;           // for FLAGS answers
     bool cache;
   };
-  struct SubscriptionCall {
-    bool subscribe;
-    std::vector<es_event_type_t> events;
-  };
   struct Client {
     std::set<es_event_type_t> subscribed;
-    std::vector<SubscriptionCall> calls;
     bool deleted = false;
     std::vector<std::string> mutedPrefixes;
     std::vector<std::string> mutedLiterals;
@@ -103,14 +98,11 @@ class FakeEndpointSecurity : public endpointsecurity::IEndpointSecurityApi {
                                                     : ES_CLEAR_CACHE_RESULT_ERR_THROTTLE;
   }
   es_return_t subscribe(es_client_t* c, const es_event_type_t* events, uint32_t n) override {
-    return result(act(Call::Subscribe, c, [&](Client& s) {
-      s.calls.push_back({true, {events, events + n}});
-      s.subscribed.insert(events, events + n);
-    }));
+    return result(
+        act(Call::Subscribe, c, [&](Client& s) { s.subscribed.insert(events, events + n); }));
   }
   es_return_t unsubscribe(es_client_t* c, const es_event_type_t* events, uint32_t n) override {
     return result(act(Call::Unsubscribe, c, [&](Client& s) {
-      s.calls.push_back({false, {events, events + n}});
       for (uint32_t i = 0; i < n; ++i) s.subscribed.erase(events[i]);
     }));
   }
