@@ -100,27 +100,6 @@ TEST_F(ExportedObject, CallsArriveWithTheirArgumentsNilAndStrangersAsNull) {
                                       "setExclusions nil 1"}));
 }
 
-TEST_F(ExportedObject, PolicyAndExclusionsKeepTimestampAndShapeAndReplyOnce) {
-  __block std::vector<bool> replies;
-  target.answer = false;
-  [exported setPolicy:@{@"dupon" : @YES, @"webcontrolon" : @NO}
-             withTimestamp:UINT64_MAX
-      andCompletionHandler:^(BOOL ok) {
-        replies.push_back(ok);
-      }];
-  target.answer = true;
-  [exported setExclusions:@[ @{@"application_description" : @{@"process_bundle_id" : @"com.x"}} ]
-             withTimestamp:9
-      andCompletionHandler:^(BOOL ok) {
-        replies.push_back(ok);
-      }];
-  EXPECT_EQ(replies, (std::vector<bool>{false, true}));
-  EXPECT_EQ(target.calls(),
-            (std::vector<std::string>{
-                "setPolicy {dupon=b1;webcontrolon=b0;} 18446744073709551615",
-                "setExclusions [{application_description={process_bundle_id='com.x';};},] 9"}));
-}
-
 // The field conversions are the core's; here each number must reach the
 // daemon as the kind it reads back.
 TEST(RemoteDaemon, EventsGoToTheirSelectorsWithTheirNumbersKinds) {
