@@ -176,6 +176,13 @@ TEST_F(Facility, MutesByPathLiteralPrefixAndToken) {
   exit(proc(30, "/usr/bin/loud", 101));
   ASSERT_EQ(a.size(), 3u);
   EXPECT_EQ(a[2]->process->audit_token.val[7], 101u);
+  // Listed for the client, which unmutes them when exclusions change.
+  size_t count = 0;
+  audit_token_t* tokens = nullptr;
+  ASSERT_EQ(hub.mutedProcesses(ca, &count, &tokens), ES_RETURN_SUCCESS);
+  ASSERT_EQ(count, 1u);
+  EXPECT_EQ(audit_token_to_pid(tokens[0]), 30);
+  hub.releaseMutedProcesses(tokens, count);
 
   ASSERT_EQ(hub.unmuteProcess(ca, &token), ES_RETURN_SUCCESS);
   EXPECT_EQ(hub.unmuteProcess(ca, &token), ES_RETURN_ERROR);
