@@ -100,30 +100,11 @@ Value nested(int depth) {
   return v;
 }
 
-TEST(LinuxXpcFrames, RoundTripEveryValueKindAtItsEdgesAndNothingThePeerWouldReject) {
-  const CallFrame call{"handleFileEvent:",
-                       {Value(Dictionary{{
-                            {"s", Value("ü/\n")},
-                            {"i", Value(Number::ofInt(INT32_MIN))},
-                            {"u", Value(Number::ofUnsignedInt(UINT32_MAX))},
-                            {"ll", Value(Number::ofLongLong(INT64_MIN))},
-                            {"ull", Value(Number::ofUnsignedLongLong(UINT64_MAX))},
-                            {"b", Value(Number::ofBool(false))},
-                            {"nil", Value()},
-                            {"empty", Value(Array{})},
-                        }}),
-                        nested(kMaxValueDepth)},
-                       42};
+// Every kind of value at its edges goes across the socket in the transport
+// test; here what the encoder refuses to send.
+TEST(LinuxXpcFrames, TheEncoderSendsNothingThePeerWouldReject) {
   std::string error;
-  const std::optional<std::string> bytes = encodeFrame(call, &error);
-  ASSERT_TRUE(bytes) << error;
-  const std::optional<Frame> back = decodeFrame(*bytes, &error);
-  ASSERT_TRUE(back) << error;
-  EXPECT_EQ(std::get<CallFrame>(*back), call);
-  const std::optional<std::string> reply = encodeFrame(ReplyFrame{UINT64_MAX, true}, &error);
-  ASSERT_TRUE(reply);
-  EXPECT_EQ(std::get<ReplyFrame>(*decodeFrame(*reply, &error)), (ReplyFrame{UINT64_MAX, true}));
-
+  EXPECT_TRUE(encodeFrame(CallFrame{"x", {nested(kMaxValueDepth)}, std::nullopt}, &error));
   EXPECT_FALSE(encodeFrame(CallFrame{"x", {nested(kMaxValueDepth + 1)}, std::nullopt}, &error));
   EXPECT_EQ(error, "values nested deeper than 32 levels");
   EXPECT_FALSE(
@@ -228,11 +209,16 @@ TEST_F(LinuxXpcTransport, CarriesCallsBothWaysWithNumberKindsNilsAndReplies) {
   ASSERT_TRUE(daemon.start());
   ExtensionEnd extension(dir_, extensionSide, options());
   extension.resumeAndRegister();
-  // Every kind of value; their edges are the codec's.
+  // Every kind of value at its edges.
   const Dictionary event{{
-      {"filename1", Value("/media/usb/ä")},
-      {"pid", Value(Number::ofUnsignedInt(4000000000u))},
-      {"list", Value(Array{{Value(Dictionary{{{"none", Value()}}}), Value(Number::ofBool(true))}})},
+      {"s", Value("ü/\n")},
+      {"i", Value(Number::ofInt(INT32_MIN))},
+      {"u", Value(Number::ofUnsignedInt(UINT32_MAX))},
+      {"ll", Value(Number::ofLongLong(INT64_MIN))},
+      {"ull", Value(Number::ofUnsignedLongLong(UINT64_MAX))},
+      {"b", Value(Number::ofBool(false))},
+      {"list", Value(Array{{Value(Dictionary{{{"none", Value()}}}), Value(Array{})}})},
+      {"deep", nested(kMaxValueDepth - 1)},  // the deepest a peer takes
   }};
   extension.daemon->handleFileEvent(event);
   extension.daemon->handleProcessStartEvent(Dictionary{{{"pid", Number::ofUnsignedInt(7)}}});
