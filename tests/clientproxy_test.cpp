@@ -200,8 +200,9 @@ TEST_F(XPCLink, StartsOnceAndADaemonAnsweringNoIsNotRetried) {
   connector.acceptRegistration = false;
   xpc().start(proxy.get());
   EXPECT_FALSE(xpc().isXPCServiceListening());
-  EXPECT_TRUE(sink.contains("] Assert:  Assertion failed: [ 0]Failed to register to XPC service. "
-                            "The Daemon XPC is not listening.\n"));
+  EXPECT_TRUE(
+      sink.contains("] Assert:  Assertion failed: [ 0]Failed to register to XPC service. "
+                    "The Daemon XPC is not listening.\n"));
   EXPECT_TRUE(dispatch.pendingTimers().empty());
 }
 
