@@ -1,3 +1,7 @@
+// The Endpoint Security client over the fake facility: its life, AUTH
+// answers and the deadline watchdog, notifications, muting; then on real
+// queues and the real clock. Which types a feature switch subscribes is the
+// client proxy's test, over the product's own observers.
 #include <gtest/gtest.h>
 
 #include <thread>
@@ -8,9 +12,6 @@
 
 namespace {
 
-using endpointsecurity::TagAllObservers;
-using endpointsecurity::TagFileObserver;
-using endpointsecurity::TagPrinterObserver;
 using endpointsecurity::TagProcObserver;
 using lumo::testing::kAuthQueue;
 using lumo::testing::kDeadlineQueue;
@@ -18,39 +19,31 @@ using lumo::testing::kNotifyQueue;
 using lumo::testing::MessageBuilder;
 using lumo::testing::ProcessSpec;
 using lumo::testing::RecordingObserver;
+using lumo::testing::TestMessage;
 using Call = lumo::testing::FakeEndpointSecurity::Call;
-using Events = std::vector<es_event_type_t>;
-using Messages = std::vector<std::unique_ptr<lumo::testing::TestMessage>>;
+using Messages = std::vector<std::unique_ptr<TestMessage>>;
 
 using ClientLifecycle = lumo::testing::ClientFixture;
 
-TEST_F(ClientLifecycle, StartSubscribesTheUnionOnceAndStopDeletesTheClientOnce) {
-  // Without a client from the facility there is nothing to start.
-  for (auto result : {ES_NEW_CLIENT_RESULT_ERR_NOT_PRIVILEGED, ES_NEW_CLIENT_RESULT_SUCCESS}) {
-    es.setNewClientResult(result, /*returnHandle=*/false);
-    EXPECT_FALSE(client->init());
-  }
+TEST_F(ClientLifecycle, InitNeedsAFacilityClientFailuresAreReportedAndStopDeletesItOnce) {
+  es.setNewClientResult(ES_NEW_CLIENT_RESULT_ERR_NOT_PRIVILEGED);
+  EXPECT_FALSE(client->init());
   EXPECT_TRUE(sink.contains("] Error: es_new_client failed. The caller is not running as root."));
-  EXPECT_FALSE(client->start());
+  observe("Proc", {ES_EVENT_TYPE_NOTIFY_EXEC}, false);
+  EXPECT_FALSE(client->switchMode(TagProcObserver, true));
   es.setNewClientResult(ES_NEW_CLIENT_RESULT_SUCCESS);
   es.failCall(Call::ClearCache);  // logged and ignored
   ASSERT_TRUE(client->init());
-  EXPECT_FALSE(client->start());  // no observers
-  observe("A", {ES_EVENT_TYPE_NOTIFY_CLOSE, ES_EVENT_TYPE_NOTIFY_OPEN});
-  observe("B", {ES_EVENT_TYPE_NOTIFY_CLOSE, ES_EVENT_TYPE_AUTH_EXEC});
-  EXPECT_FALSE(client->registerObserver(nullptr));
-  EXPECT_TRUE(es.record().clients.at(0).calls.empty());
-  ASSERT_TRUE(client->start());
-  ASSERT_EQ(es.record().clients[0].calls.size(), 1u);
-  EXPECT_EQ(
-      es.record().clients[0].calls[0].events,
-      (Events{ES_EVENT_TYPE_AUTH_EXEC, ES_EVENT_TYPE_NOTIFY_OPEN, ES_EVENT_TYPE_NOTIFY_CLOSE}));
   es.failCall(Call::Subscribe);
-  EXPECT_FALSE(client->start());
+  EXPECT_FALSE(client->switchMode(TagProcObserver, true));
   EXPECT_TRUE(client->stop());
   EXPECT_TRUE(client->stop());
   EXPECT_EQ(es.record().calls[Call::DeleteClient], 1u);
   EXPECT_TRUE(es.record().clients[0].deleted);
+  // A stopped client changes nothing.
+  es.failCall(Call::Subscribe, false);
+  EXPECT_TRUE(client->switchMode(TagProcObserver, true));
+  EXPECT_EQ(es.record().calls[Call::Subscribe], 1u);
 }
 
 using ClientDispatch = lumo::testing::ClientFixture;
@@ -72,7 +65,7 @@ TEST_F(ClientDispatch, ActiveObserversRunInOrderAndUnansweredAuthGetsTheDefaultO
   EXPECT_EQ((std::vector<int>{denier.authed, second.authed, off.authed}),
             (std::vector<int>{1, 2, 0}));
   // One answer each, never cached: the denial, else allow (all flags for an open).
-  const auto answerTo = [&](const std::unique_ptr<lumo::testing::TestMessage>& m) {
+  const auto answerTo = [&](const std::unique_ptr<TestMessage>& m) {
     const auto answers = es.answers(m->get());
     EXPECT_EQ(answers.size(), 1u);
     EXPECT_FALSE(answers.at(0).cache);
@@ -95,13 +88,11 @@ TEST_F(ClientDispatch, WatchdogAnswersAtEightyPercentOfTheTimeLeftUnlessAnswered
                   .deadline(start + 0x1'0000'1000)
                   .build();
   es.deliver(exec->get());
-  auto timers = dispatch.pendingTimers();
-  ASSERT_EQ(timers.size(), 1u);
-  EXPECT_EQ(timers[0].when, start + static_cast<uint64_t>(0x1'0000'1000 * 0.8));
-  EXPECT_EQ(timers[0].queue, kDeadlineQueue);
+  const auto timers = dispatch.pendingTimers();
+  ASSERT_EQ(timers, std::vector<uint64_t>{start + static_cast<uint64_t>(0x1'0000'1000 * 0.8)});
   // The observer has not run when the watchdog fires; when it does run, it
   // sees the answer and leaves the observers alone.
-  clock.advance(timers[0].when - start);
+  clock.advance(timers[0] - start);
   ASSERT_EQ(dispatch.fireDueTimers(), 1u);
   dispatch.runQueued(kDeadlineQueue);
   dispatch.runQueued(kAuthQueue);
@@ -154,70 +145,17 @@ TEST_F(ClientDispatch, NotificationsReachObserversOnlyWhileTheDaemonListensAndTh
   EXPECT_TRUE(es.answers(auth->get()).empty());
 }
 
-class ClientSwitchMode : public lumo::testing::ClientFixture {
- protected:
-  // Observers shaped like the product's: process, file and printer.
-  void SetUp() override {
-    observe("Proc", {ES_EVENT_TYPE_NOTIFY_EXEC, ES_EVENT_TYPE_NOTIFY_EXIT}, false,
-            TagAllObservers | TagProcObserver);
-    observe("File", {ES_EVENT_TYPE_NOTIFY_OPEN, ES_EVENT_TYPE_NOTIFY_RENAME}, false,
-            TagAllObservers | TagFileObserver);
-    observe("Printer", {ES_EVENT_TYPE_NOTIFY_RENAME, ES_EVENT_TYPE_AUTH_EXEC}, false,
-            TagAllObservers | TagPrinterObserver);
-    ASSERT_TRUE(client->init());
-  }
-  // What the director does: switch the client, then flip the observers.
-  bool switchGroup(endpointsecurity::ObserverTags tags, bool on) {
-    bool ok = client->switchMode(tags, on);
-    for (auto& o : observers) {
-      if (o.tags().intersects(tags)) on ? o.activate() : o.deactivate();
-    }
-    return ok;
-  }
-  Events lastCall(bool subscribe) {
-    auto calls = es.record().clients[0].calls;
-    if (calls.empty() || calls.back().subscribe != subscribe) return {};
-    return calls.back().events;
-  }
-};
-
-TEST_F(ClientSwitchMode, ChangesOnlyTypesNoOtherActiveObserverNeeds) {
-  ASSERT_TRUE(switchGroup(TagFileObserver, true));
-  EXPECT_EQ(lastCall(true), (Events{ES_EVENT_TYPE_NOTIFY_OPEN, ES_EVENT_TYPE_NOTIFY_RENAME}));
-  // RENAME is already needed by the active file observer.
-  ASSERT_TRUE(switchGroup(TagPrinterObserver, true));
-  EXPECT_EQ(lastCall(true), Events{ES_EVENT_TYPE_AUTH_EXEC});
-  // The printer observer still needs RENAME, so it stays.
-  ASSERT_TRUE(switchGroup(TagFileObserver, false));
-  EXPECT_EQ(lastCall(false), Events{ES_EVENT_TYPE_NOTIFY_OPEN});
-  // Now the file observer is off and is not counted.
-  ASSERT_TRUE(switchGroup(TagPrinterObserver, false));
-  EXPECT_EQ(lastCall(false), (Events{ES_EVENT_TYPE_AUTH_EXEC, ES_EVENT_TYPE_NOTIFY_RENAME}));
-  EXPECT_TRUE(es.record().clients[0].subscribed.empty());
-
-  // Observers already in the requested state are skipped.
-  const size_t before = es.record().clients[0].calls.size();
-  ASSERT_TRUE(switchGroup(TagProcObserver, false));
-  EXPECT_EQ(es.record().clients[0].calls.size(), before);
-  ASSERT_TRUE(switchGroup(TagAllObservers, true));
-  EXPECT_EQ(es.record().clients[0].subscribed.size(), 5u);
-  // Every entry of the whole group counts, repeats included (RENAME twice).
-  EXPECT_EQ(lastCall(true).size(), 6u);
-
-  // Failures are reported; a stopped client changes nothing.
-  es.failCall(Call::Unsubscribe);
-  EXPECT_FALSE(client->switchMode(TagProcObserver, false));
-  EXPECT_FALSE(endpointsecurity::Client().switchMode(TagProcObserver, true));  // not initialised
-  client->stop();
-  EXPECT_TRUE(client->switchMode(TagFileObserver, false));
-  EXPECT_EQ(es.record().calls[Call::Unsubscribe], 3u);
-}
-
 class ClientMuting : public lumo::testing::ClientFixture {
  protected:
   void SetUp() override { ASSERT_TRUE(client->init()); }
   static ProcessSpec signedBy(const std::string& id, pid_t pid = 900) {
     return {.pid = pid, .signingId = id};
+  }
+  std::unique_ptr<TestMessage> openBy(const std::string& id, pid_t pid = 900) {
+    return MessageBuilder::auth(ES_EVENT_TYPE_AUTH_OPEN)
+        .process(signedBy(id, pid))
+        .deadline(clock.now() + 1000)
+        .build();
   }
 
   RecordingObserver& watcher =
@@ -228,15 +166,14 @@ TEST_F(ClientMuting, ExclusionsReplaceEveryKindOfMuteAndFailuresNeverFailTheUpda
   es.addMutedProcess(lumo::testing::makeToken(signedBy("old", 5)));
   for (int round = 0; round < 2; ++round) {
     ASSERT_TRUE(client->applyExclusions({"/opt/a/bin/tool"}, {"/opt/b/"}, {"com.vendor.agent"}));
-    EXPECT_TRUE(es.record().clients[0].mutedProcesses.empty());  // the old process mute is gone
+    const auto muted = es.record().clients[0];
+    EXPECT_TRUE(muted.mutedProcesses.empty());  // the old process mute is gone
     // The daemon's first, then the product's own directories, then a fixed table.
-    const auto literals = es.record().clients[0].mutedLiterals;
-    ASSERT_EQ(literals.size(), 9u);
-    EXPECT_EQ(literals.front(), "/opt/a/bin/tool");
-    const auto prefixes = es.record().clients[0].mutedPrefixes;
-    ASSERT_EQ(prefixes.size(), 1u + 2u + 9u);
-    EXPECT_EQ(prefixes[0], "/opt/b/");
-    EXPECT_EQ(prefixes[1], "/opt/tarvex/lumo/EP/");
+    ASSERT_EQ(muted.mutedLiterals.size(), 9u);
+    EXPECT_EQ(muted.mutedLiterals.front(), "/opt/a/bin/tool");
+    ASSERT_EQ(muted.mutedPrefixes.size(), 1u + 2u + 9u);
+    EXPECT_EQ(muted.mutedPrefixes[0], "/opt/b/");
+    EXPECT_EQ(muted.mutedPrefixes[1], "/opt/tarvex/lumo/EP/");
   }
   // Failures are logged and fail nothing: everything is still tried.
   for (Call call : {Call::MutePathLiteral, Call::MutePathPrefix, Call::MutedProcesses}) {
@@ -255,10 +192,7 @@ TEST_F(ClientMuting, ExclusionsReplaceEveryKindOfMuteAndFailuresNeverFailTheUpda
 
 TEST_F(ClientMuting, ListedProcessesAreMutedOnTheFlyAndNeverReachObservers) {
   client->applyExclusions({}, {}, {"com.vendor.agent"});
-  auto open = MessageBuilder::auth(ES_EVENT_TYPE_AUTH_OPEN)
-                  .process(signedBy("com.vendor.agent", 31))
-                  .deadline(clock.now() + 1000)
-                  .build();
+  auto open = openBy("com.vendor.agent", 31);
   auto own = MessageBuilder::notify(ES_EVENT_TYPE_NOTIFY_EXEC)
                  .process(signedBy("com.tarvex.lumo.es", 32))
                  .build();
@@ -286,10 +220,7 @@ TEST_F(ClientMuting, ListedProcessesAreMutedOnTheFlyAndNeverReachObservers) {
 
   // A failed mute hands the message on: answered again after the observers.
   es.failCall(Call::MuteProcess);
-  auto ownOpen = MessageBuilder::auth(ES_EVENT_TYPE_AUTH_OPEN)
-                     .process(signedBy("com.tarvex.lumo.ne"))
-                     .deadline(clock.now() + 1000)
-                     .build();
+  auto ownOpen = openBy("com.tarvex.lumo.ne");
   es.deliver(ownOpen->get());
   dispatch.runQueued();
   EXPECT_TRUE(sink.contains("] Error: es_mute_process failed. Err:1"));
@@ -301,7 +232,7 @@ TEST_F(ClientMuting, ListedProcessesAreMutedOnTheFlyAndNeverReachObservers) {
 // threads do.
 class ClientOnThreads : public ::testing::Test {
  protected:
-  // A started client over active observers of the given types.
+  // A client over active observers of the given types.
   void start(std::vector<std::pair<RecordingObserver*, std::vector<es_event_type_t>>> observers) {
     for (auto& [o, types] : observers) {
       o->events = types;
@@ -310,7 +241,7 @@ class ClientOnThreads : public ::testing::Test {
     }
     ASSERT_TRUE(client.init());
   }
-  std::unique_ptr<lumo::testing::TestMessage> auth(es_event_type_t type, uint64_t nanosLeft) {
+  std::unique_ptr<TestMessage> auth(es_event_type_t type, uint64_t nanosLeft) {
     return MessageBuilder::auth(type).deadline(clock.now() + clock.nanosToTicks(nanosLeft)).build();
   }
 
@@ -320,8 +251,8 @@ class ClientOnThreads : public ::testing::Test {
   lumo::testing::FakeDaemonLink link;
   tarvex::itx::rtn::linux_platform::MonotonicClock clock;
   tarvex::itx::rtn::linux_platform::LinuxDispatch dispatch{clock};
-  RecordingObserver first{"First", {}, endpointsecurity::TagProcObserver};
-  RecordingObserver second{"Second", {}, endpointsecurity::TagProcObserver};
+  RecordingObserver first{"First", {}, TagProcObserver};
+  RecordingObserver second{"Second", {}, TagProcObserver};
   endpointsecurity::Client client{{&es, &dispatch, &clock, nullptr}};
 };
 

@@ -4,7 +4,6 @@
 // work (a batch posted under a WakeBatch wakes once; a worker stuck in a
 // task still gets help without any further post).
 #include <gtest/gtest.h>
-#include <time.h>
 
 #include <atomic>
 #include <chrono>
@@ -105,12 +104,6 @@ TEST(LinuxDispatch, TimersFireInDeadlineOrderNeverEarlyAndNeverOnceCancelled) {
   std::vector<int> order;
   Tally done;
   MonotonicClock clock;
-  // The clock counts CLOCK_MONOTONIC nanoseconds.
-  timespec ts{};
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  const uint64_t then = static_cast<uint64_t>(ts.tv_sec) * 1000000000ull + ts.tv_nsec;
-  EXPECT_LE(then, clock.now());
-  EXPECT_GT(then + kMillis, clock.now());
   // One thread makes the queue run tasks in the order the timer posts them.
   LinuxDispatch dispatch(clock, threadsEach(1));
   QueueRef queue = dispatch.createConcurrentQueue("t.timers", QosClass::Default);
@@ -198,32 +191,21 @@ TEST(LinuxDispatch, DroppedQueuesFinishTheirWorkADestroyedDispatchDropsIt) {
   EXPECT_FALSE(ran.load());
 }
 
-TEST(LinuxWorkerPool, GrowsToItsCapThenIdleWorkersExitAndComeBack) {
-  Tally gate;
-  Tally started;
+// Idle workers exit and new work brings one back (how many may run at once
+// is the blocked queue's test); a released pool is reaped once its last
+// worker is gone.
+TEST(LinuxWorkerPool, IdleWorkersExitAndComeBackAndAReleasedPoolIsReaped) {
   Tally done;
   WorkerPool pool("t.pool", 3, 20ms);
-  EXPECT_EQ(pool.liveThreads(), 0u);
-  for (int i = 0; i < 5; ++i) {
-    pool.post([&] {
-      started.add();
-      gate.waitFor(1);
-      done.add();
-    });
-  }
-  ASSERT_TRUE(started.waitFor(3));
-  EXPECT_EQ(pool.liveThreads(), 3u);
-  EXPECT_EQ(started.count(), 3);
-  gate.add();
-  ASSERT_TRUE(done.waitFor(5));
-
+  pool.post([&] { done.add(); });
+  ASSERT_TRUE(done.waitFor(1));
   const auto deadline = std::chrono::steady_clock::now() + kPatience;
   while (pool.liveThreads() > 0 && std::chrono::steady_clock::now() < deadline) {
     std::this_thread::sleep_for(5ms);
   }
   EXPECT_EQ(pool.liveThreads(), 0u);
   pool.post([&] { done.add(); });
-  EXPECT_TRUE(done.waitFor(6));
+  EXPECT_TRUE(done.waitFor(2));
 
   pool.release();
   while (!pool.reap() && std::chrono::steady_clock::now() < deadline + kPatience) {

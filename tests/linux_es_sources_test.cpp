@@ -5,10 +5,10 @@
 // file message is checked as one line of text. Reading the real /proc and a
 // real caller's execve arguments is the kernel tests' part (the connector
 // tier, print filters held and denied by their arguments).
-#include <gtest/gtest.h>
-#include <linux/fanotify.h>
 #include <elf.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/fanotify.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -320,34 +320,13 @@ TEST(LinuxProcessRecords, UnwantedTypesOnlyFeedTheCacheAndBadRecordsAreCounted) 
   EXPECT_TRUE(sink.lines().empty());
 }
 
-// A /proc of the test's making.
-class FakeProc {
- public:
-  FakeProc() : root(fs::temp_directory_path() / ("lumo-proc-" + std::to_string(getpid()))) {
-    fs::create_directories(root);
-  }
-  ~FakeProc() { fs::remove_all(root); }
-  void add(pid_t pid, const std::string& stat, const std::string& exe = "") {
-    const fs::path dir = root / std::to_string(pid);
-    fs::remove_all(dir);
-    fs::create_directories(dir);
-    std::ofstream(dir / "stat") << stat;
-    std::ofstream(dir / "status") << kStatus;
-    std::ofstream(dir / "sessionid") << "7";
-    std::ofstream(dir / "loginuid") << "1000";
-    if (!exe.empty()) fs::create_symlink(exe, dir / "exe");
-  }
-  static constexpr const char* kStatus = "Name:\tx\nUid:\t1000\t0\t0\t0\nGid:\t1001\t1002\t0\t0\n";
-  fs::path root;
-};
-
 std::string statLine(pid_t pid, const std::string& comm, pid_t ppid, uint64_t start) {
   return std::to_string(pid) + " (" + comm + ") S " + std::to_string(ppid) +
          " 100 200 0 -1 4194560 10 0 0 0 1 2 0 0 20 0 1 0 " + std::to_string(start) +
          " 1000 100 18446744073709551615\n";
 }
 
-TEST(LinuxProcInfo, ParsesStatStatusAndRefusesGarbage) {
+TEST(LinuxProcInfo, ParsesStatStatusAndSyscallAndRefusesGarbage) {
   ProcessInfo info;
   // A command name with blanks and parentheses.
   ASSERT_TRUE(ProcReader::parseStat(statLine(42, "a) (b c", 7, 12345), info));
@@ -359,7 +338,8 @@ TEST(LinuxProcInfo, ParsesStatStatusAndRefusesGarbage) {
     EXPECT_FALSE(ProcReader::parseStat(bad, info)) << bad;
   }
 
-  ASSERT_TRUE(ProcReader::parseStatus(FakeProc::kStatus, info));
+  ASSERT_TRUE(
+      ProcReader::parseStatus("Name:\tx\nUid:\t1000\t0\t0\t0\nGid:\t1001\t1002\t0\t0\n", info));
   EXPECT_EQ(std::tie(info.ruid, info.euid, info.rgid, info.egid),
             std::make_tuple(1000u, 0u, 1001u, 1002u));
   EXPECT_FALSE(ProcReader::parseStatus("Uid:\tx\t0\nGid:\t1\t1\n", info));
@@ -381,43 +361,36 @@ TEST(LinuxProcInfo, ParsesStatStatusAndRefusesGarbage) {
   }
 }
 
-TEST(LinuxProcInfo, ReadsAProcessTreeAndNeverAnswersForAnotherProcessUnderThePid) {
-  FakeProc proc;
-  proc.add(300, statLine(300, "tool", 1, 999), "/usr/bin/tool (deleted)");
-  proc.add(301, "garbage");
-  const ProcReader reader(proc.root.string());
-  ProcessInfo info;
-  ASSERT_TRUE(reader.read(300, info));
-  EXPECT_EQ(info.exe, "/usr/bin/tool");
-  EXPECT_EQ(info.asid, 7u);
-  EXPECT_EQ(info.auid, 1000u);
-  EXPECT_FALSE(reader.read(301, info));
-  EXPECT_FALSE(reader.read(302, info));
+// Reading the real /proc is the connector tier's kernel test; here the
+// image path of a replaced binary and the cache, over a /proc that has
+// nothing else.
+TEST(LinuxProcInfo, TheCacheNeverAnswersForAnotherProcessUnderThePid) {
+  const fs::path root = fs::temp_directory_path() / ("lumo-proc-" + std::to_string(getpid()));
+  fs::create_directories(root / "300");
+  fs::create_symlink("/usr/bin/tool (deleted)", root / "300" / "exe");
+  const ProcReader reader(root.string());
+  EXPECT_EQ(reader.exe(300), "/usr/bin/tool");
+  auto process = [](pid_t pid, uint64_t start, const char* exe) {
+    ProcessInfo info;
+    info.pid = pid;
+    info.startTicks = start;
+    info.exe = exe;
+    return info;
+  };
 
-  proc.add(400, statLine(400, "old", 1, 50), "/usr/bin/old");
   ProcessCache cache(reader, 2);
-  ASSERT_TRUE(cache.lookup(400));
-  // The pid comes back as another process: the cached entry does not fit.
-  proc.add(400, statLine(400, "new", 1, 60), "/usr/bin/new");
-  EXPECT_EQ(cache.lookup(400, 60)->exe, "/usr/bin/new");
-  EXPECT_FALSE(cache.lookup(400, 70));
+  cache.put(process(400, 50, "/usr/bin/old"));
+  EXPECT_EQ(cache.lookup(400)->exe, "/usr/bin/old");
+  EXPECT_FALSE(cache.lookup(400, 60));  // the pid came back as another process
   // Bounded: a full cache starts over.
-  for (pid_t pid : {1, 2}) {
-    ProcessInfo other;
-    other.pid = pid;
-    cache.put(other);
-  }
+  for (pid_t pid : {1, 2}) cache.put(process(pid, 1, "/x"));
   EXPECT_LE(cache.size(), 2u);
 
   // A miss first lets the tier's pending records land in the cache.
-  ProcessInfo started;
-  started.pid = 500;
-  started.startTicks = 9;
-  started.exe = "/usr/bin/short";
   int catchUps = 0;
   cache.setCatchUp([&] {
     ++catchUps;
-    cache.put(started);
+    cache.put(process(500, 9, "/usr/bin/short"));
     EXPECT_TRUE(cache.lookup(500));  // a nested lookup is answered, not re-entered
   });
   EXPECT_EQ(cache.lookup(500)->exe, "/usr/bin/short");
@@ -429,13 +402,11 @@ TEST(LinuxProcInfo, ReadsAProcessTreeAndNeverAnswersForAnotherProcessUnderThePid
   ASSERT_TRUE(cache.lookup(500, 9));
   EXPECT_FALSE(cache.lookup(500, 10));
   // A new process under the pid replaces the exited one.
-  started.startTicks = 11;
-  started.exe = "/usr/bin/next";
-  cache.put(started);
+  cache.put(process(500, 11, "/usr/bin/next"));
   cache.forget(500);
   EXPECT_EQ(cache.lookup(500)->exe, "/usr/bin/next");
+  fs::remove_all(root);
 }
-
 
 // An ELF64 file: the header, its program headers and, when `loader` is
 // given, a PT_INTERP naming it at `loaderAt`.

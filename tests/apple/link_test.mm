@@ -17,7 +17,6 @@
 #include "recordingtarget.h"
 #include "waiting.h"
 #import "xpc/exportedobject.h"
-#import "xpc/machserviceconnector.h"
 #import "xpc/remotedaemon.h"
 #import "xpc/valuebridge.h"
 #include "xpc/xpcclient.h"
@@ -99,27 +98,6 @@ TEST_F(ExportedObject, CallsArriveWithTheirArgumentsNilAndStrangersAsNull) {
                                       "setPrinter 'job-12' NO", "setPrinter nil YES",
                                       "setPolicy nil 5", "setPolicy nil 1", "setExclusions nil 6",
                                       "setExclusions nil 1"}));
-}
-
-TEST_F(ExportedObject, PolicyAndExclusionsKeepTimestampAndShapeAndReplyOnce) {
-  __block std::vector<bool> replies;
-  target.answer = false;
-  [exported setPolicy:@{@"dupon" : @YES, @"webcontrolon" : @NO}
-             withTimestamp:UINT64_MAX
-      andCompletionHandler:^(BOOL ok) {
-        replies.push_back(ok);
-      }];
-  target.answer = true;
-  [exported setExclusions:@[ @{@"application_description" : @{@"process_bundle_id" : @"com.x"}} ]
-             withTimestamp:9
-      andCompletionHandler:^(BOOL ok) {
-        replies.push_back(ok);
-      }];
-  EXPECT_EQ(replies, (std::vector<bool>{false, true}));
-  EXPECT_EQ(target.calls(),
-            (std::vector<std::string>{
-                "setPolicy {dupon=b1;webcontrolon=b0;} 18446744073709551615",
-                "setExclusions [{application_description={process_bundle_id='com.x';};},] 9"}));
 }
 
 // The field conversions are the core's; here each number must reach the
@@ -261,24 +239,5 @@ TEST_F(LinkTest, RegistrationAndTheDaemonsCallsAreAnsweredAcrossTheConnection) {
   Signal invalidated;
   connection->setInvalidationHandler([&] { invalidated.notify(); });
   connection->invalidate();
-  EXPECT_TRUE(invalidated.wait());
-}
-
-TEST(MachServiceConnector, AServiceNobodyOffersEndsInAnError) {
-  MachServiceConnector connector;
-  const auto connection = connector.connect("com.tarvex.lumo.test.nobody-offers-this", 0);
-  ASSERT_TRUE(connection);
-  Signal invalidated;
-  Signal failed;
-  connection->setExportedObject(nullptr);
-  connection->resume();
-  connection->setInvalidationHandler([&] { invalidated.notify(); });
-  auto daemon = connection->remoteObjectProxyWithErrorHandler([&](const std::string& error) {
-    EXPECT_FALSE(error.empty());
-    failed.notify();
-  });
-  ASSERT_TRUE(daemon);
-  daemon->registerWithCompletionHandler([](bool) { ADD_FAILURE() << "answered"; });
-  EXPECT_TRUE(failed.wait());
   EXPECT_TRUE(invalidated.wait());
 }

@@ -1,6 +1,6 @@
 // What the macOS platform hands the core: queues and timers over
-// libdispatch on the clock message deadlines use, the Endpoint Security
-// facility and the product's layout.
+// libdispatch on the clock message deadlines use, and the Endpoint Security
+// facility.
 #include "dispatch/appledispatch.h"
 
 #include <dispatch/dispatch.h>
@@ -13,7 +13,6 @@
 
 #include "clock/machclock.h"
 #include "es/appleendpointsecurity.h"
-#include "rtnmac/productpaths.h"
 
 using namespace std::chrono_literals;
 using endpointsecurity::apple_platform::AppleEndpointSecurity;
@@ -24,7 +23,6 @@ using tarvex::itx::rtn::Task;
 using tarvex::itx::rtn::apple_platform::AppleDispatch;
 using tarvex::itx::rtn::apple_platform::kLatestDispatchTime;
 using tarvex::itx::rtn::apple_platform::MachClock;
-using tarvex::itx::rtnmac::productPaths;
 
 namespace {
 
@@ -125,13 +123,4 @@ TEST(AppleEndpointSecurity, AnUnentitledProcessIsRefused) {
               result == ES_NEW_CLIENT_RESULT_ERR_NOT_PRIVILEGED ||
               result == ES_NEW_CLIENT_RESULT_ERR_NOT_PERMITTED)
       << "result " << result;
-}
-
-// The product's own directories are muted by prefix: without the slash
-// "/Applications/Tarvex Lumo.appx" would be muted too.
-TEST(ApplePaths, OwnDirectoriesAreTheProductsFoldersWithTheirSlash) {
-  ASSERT_EQ(productPaths().ownDirectories.size(), 2u);
-  EXPECT_EQ(productPaths().ownDirectories[0], productPaths().deploymentFolder);
-  EXPECT_EQ(productPaths().ownDirectories[1], productPaths().applicationBundle + "/");
-  for (const std::string& own : productPaths().ownDirectories) EXPECT_EQ(own.back(), '/') << own;
 }

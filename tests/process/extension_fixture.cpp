@@ -9,8 +9,7 @@ using tarvex::itx::xpc::Dictionary;
 using tarvex::itx::xpc::Number;
 using tarvex::itx::xpc::linux_platform::DaemonConnection;
 
-InProcessDaemon::InProcessDaemon(const std::string& runtimeDir, bool acceptRegistration) {
-  daemon_->acceptRegistration = acceptRegistration;
+InProcessDaemon::InProcessDaemon(const std::string& runtimeDir) {
   listener_ = std::make_unique<tarvex::itx::xpc::linux_platform::UnixSocketListener>(
       SysExtXPCClient::kServiceName, tarvex::itx::xpc::IXPCConnector::kPrivileged, runtimeDir);
   listener_->start([this](std::shared_ptr<DaemonConnection> connection) {

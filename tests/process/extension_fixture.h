@@ -23,7 +23,7 @@ namespace lumo::testing {
 // extension sends and lets the test call the extension back.
 class InProcessDaemon {
  public:
-  explicit InProcessDaemon(const std::string& runtimeDir, bool acceptRegistration = true);
+  explicit InProcessDaemon(const std::string& runtimeDir);
   ~InProcessDaemon();
 
   // Waits for the extension's n-th connection and returns its remote proxy.

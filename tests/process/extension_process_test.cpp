@@ -130,21 +130,6 @@ TEST_F(ExtensionProcess, SignalsSleepWakeAndUninstall) {
   EXPECT_TRUE(extension->running());
 }
 
-TEST_F(ExtensionProcess, ADaemonAnsweringNoGetsNoEvents) {
-  InProcessDaemon daemon(runtimeDir, /*acceptRegistration=*/false);
-  startExtension();
-  auto extensionSide = daemon.waitForExtension();
-  ASSERT_TRUE(extensionSide);
-  ASSERT_TRUE(extensionLogs(
-      "Assert:  Assertion failed: [ 0]Failed to register to XPC service. The Daemon XPC is not "
-      "listening.\n"));
-  ASSERT_EQ(push(*extensionSide, 1, kDataProtection), true);
-  ASSERT_TRUE(extensionLogs(kSubscribed));
-  event(kExec);
-  std::this_thread::sleep_for(milliseconds(300));
-  EXPECT_EQ(daemon.events().count(), 0u);
-}
-
 TEST_F(ExtensionProcess, MalformedFramesAndNonRootDaemonsDropTheLinkAndItRecovers) {
   std::string error;
   const std::string path = lp::socketPathFor(SysExtXPCClient::kServiceName, runtimeDir, &error);

@@ -81,7 +81,6 @@ class ClientFixture : public ::testing::Test {
   ClientFixture() : dispatch(clock) {
     tarvex::itx::rtn::setPlatform({&es, &dispatch, &clock, nullptr});
     client = std::make_unique<endpointsecurity::Client>();
-    client->setName("ClientDUP");
   }
   void TearDown() override {
     dispatch.runQueued();
@@ -89,12 +88,12 @@ class ClientFixture : public ::testing::Test {
     tarvex::itx::rtn::setPlatform({});
   }
 
-  // An observer registered with the client (not yet initialised), active
-  // unless told otherwise.
-  RecordingObserver& observe(
-      std::string name, std::vector<es_event_type_t> types, bool active = true,
-      endpointsecurity::ObserverTags tags = endpointsecurity::TagProcObserver) {
-    RecordingObserver& o = observers.emplace_back(std::move(name), std::move(types), tags);
+  // A process observer registered with the client (not yet initialised),
+  // active unless told otherwise.
+  RecordingObserver& observe(std::string name, std::vector<es_event_type_t> types,
+                             bool active = true) {
+    RecordingObserver& o = observers.emplace_back(std::move(name), std::move(types),
+                                                  endpointsecurity::TagProcObserver);
     if (active) o.activate();
     client->registerObserver(&o);
     return o;

@@ -47,9 +47,7 @@ es_new_client_result_t FakeEndpointSecurity::newClient(es_client_t** client,
   std::lock_guard<std::mutex> lock(mutex_);
   ++record_.calls[Call::NewClient];
   *client = nullptr;
-  if (newClientResult_ != ES_NEW_CLIENT_RESULT_SUCCESS || !newClientHandle_) {
-    return newClientResult_;
-  }
+  if (newClientResult_ != ES_NEW_CLIENT_RESULT_SUCCESS) return newClientResult_;
   record_.clients.emplace_back();
   handlers_.push_back(std::move(handler));
   *client = reinterpret_cast<es_client_t*>(record_.clients.size());

@@ -30,13 +30,8 @@ class FakeEndpointSecurity : public endpointsecurity::IEndpointSecurityApi {
     uint32_t flags;           // for FLAGS answers
     bool cache;
   };
-  struct SubscriptionCall {
-    bool subscribe;
-    std::vector<es_event_type_t> events;
-  };
   struct Client {
     std::set<es_event_type_t> subscribed;
-    std::vector<SubscriptionCall> calls;
     bool deleted = false;
     std::vector<std::string> mutedPrefixes;
     std::vector<std::string> mutedLiterals;
@@ -70,8 +65,8 @@ class FakeEndpointSecurity : public endpointsecurity::IEndpointSecurityApi {
   void failCall(Call call, bool fail = true) {
     locked([&] { fail ? void(failing_.insert(call)) : void(failing_.erase(call)); });
   }
-  void setNewClientResult(es_new_client_result_t result, bool returnHandle = true) {
-    locked([&] { newClientResult_ = result, newClientHandle_ = returnHandle; });
+  void setNewClientResult(es_new_client_result_t result) {
+    locked([&] { newClientResult_ = result; });
   }
   void addMutedProcess(const audit_token_t& t, size_t client = 0) {
     locked([&] { record_.clients.at(client).mutedProcesses.push_back(t); });
@@ -103,14 +98,11 @@ class FakeEndpointSecurity : public endpointsecurity::IEndpointSecurityApi {
                                                     : ES_CLEAR_CACHE_RESULT_ERR_THROTTLE;
   }
   es_return_t subscribe(es_client_t* c, const es_event_type_t* events, uint32_t n) override {
-    return result(act(Call::Subscribe, c, [&](Client& s) {
-      s.calls.push_back({true, {events, events + n}});
-      s.subscribed.insert(events, events + n);
-    }));
+    return result(
+        act(Call::Subscribe, c, [&](Client& s) { s.subscribed.insert(events, events + n); }));
   }
   es_return_t unsubscribe(es_client_t* c, const es_event_type_t* events, uint32_t n) override {
     return result(act(Call::Unsubscribe, c, [&](Client& s) {
-      s.calls.push_back({false, {events, events + n}});
       for (uint32_t i = 0; i < n; ++i) s.subscribed.erase(events[i]);
     }));
   }
@@ -185,7 +177,6 @@ class FakeEndpointSecurity : public endpointsecurity::IEndpointSecurityApi {
   std::vector<endpointsecurity::MessageHandler> handlers_;
   std::set<Call> failing_;
   es_new_client_result_t newClientResult_ = ES_NEW_CLIENT_RESULT_SUCCESS;
-  bool newClientHandle_ = true;
 };
 
 }  // namespace lumo::testing

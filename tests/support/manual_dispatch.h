@@ -40,11 +40,6 @@ class ManualDispatch : public tarvex::itx::rtn::IDispatch {
  public:
   using QueueRef = tarvex::itx::rtn::QueueRef;
   using Task = tarvex::itx::rtn::Task;
-  struct PendingTimer {
-    uint64_t when;
-    std::string queue;
-  };
-
   explicit ManualDispatch(tarvex::itx::rtn::IClock& clock) : clock_(clock) {}
 
   QueueRef createConcurrentQueue(const char* label, tarvex::itx::rtn::QosClass) override {
@@ -104,11 +99,12 @@ class ManualDispatch : public tarvex::itx::rtn::IDispatch {
     return std::count_if(tasks_.begin(), tasks_.end(),
                          [&](const auto& t) { return label.empty() || t.first == label; });
   }
-  std::vector<PendingTimer> pendingTimers() const {
+  // When the pending timers are due.
+  std::vector<uint64_t> pendingTimers() const {
     std::lock_guard<std::mutex> lock(mutex_);
-    std::vector<PendingTimer> timers;
-    for (const auto& [when, due] : timers_) timers.push_back({when, due.queue->label()});
-    return timers;
+    std::vector<uint64_t> times;
+    for (const auto& [when, due] : timers_) times.push_back(when);
+    return times;
   }
 
  private:
