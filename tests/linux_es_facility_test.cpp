@@ -1,14 +1,17 @@
 // The Linux facility hub against a fake event source: subscriptions drive
 // the sources, muting, message lifetime, combined AUTH answers and the
-// deadline fail-safe. The hub under real threads is the kernel tests' part:
-// every exec answered while the extension runs.
+// deadline fail-safe.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <functional>
 #include <memory>
+#include <thread>
 #include <tuple>
 #include <vector>
 
+#include "clock/monotonicclock.h"
+#include "dispatch/linuxdispatch.h"
 #include "es/linuxendpointsecurity.h"
 #include "es/message.h"
 #include "support/manual_dispatch.h"
@@ -316,6 +319,63 @@ TEST_F(Facility, UnansweredAuthIsAllowedAtTheDeadlineOrAtTheLastRelease) {
   EXPECT_EQ(hub.counters().authReleasedUnanswered.load(), 1u);
   fireAt(5000);
   EXPECT_EQ(answers.size(), 1u);
+}
+
+// Deliveries from several source threads, answers from a queue's threads,
+// while the control side mutes and resubscribes: every AUTH message gets
+// exactly one kernel answer and every message is freed. The sanitizer
+// builds run it for the hub's locking.
+TEST(FacilityThreads, ConcurrentDeliveryAnswersAndControl) {
+  constexpr int kSources = 3, kPerSource = 400;
+  std::atomic<int> answers{0}, denials{0}, held{0};
+  tarvex::itx::rtn::linux_platform::MonotonicClock clock;
+  tarvex::itx::rtn::linux_platform::LinuxDispatch dispatch(clock);
+  LinuxEndpointSecurity hub(clock, dispatch);
+  hub.addSource(std::make_unique<FakeSource>(setOf({ES_EVENT_TYPE_AUTH_EXEC})));
+  auto answerers = dispatch.createConcurrentQueue("t.answers", tarvex::itx::rtn::QosClass::Default);
+  const es_event_type_t exec = ES_EVENT_TYPE_AUTH_EXEC;
+  auto handler = [&](es_client_t* c, const es_message_t* m) {
+    hub.retainMessage(m);
+    ++held;
+    answerers->async([&, c, m] {
+      const bool allow = audit_token_to_pid(m->process->audit_token) % 7;
+      hub.respondAuthResult(c, m, allow ? ES_AUTH_RESULT_ALLOW : ES_AUTH_RESULT_DENY, false);
+      hub.releaseMessage(m);
+      --held;
+    });
+  };
+  es_client_t* clients[2] = {};
+  for (es_client_t*& client : clients) {
+    ASSERT_EQ(hub.newClient(&client, handler), ES_NEW_CLIENT_RESULT_SUCCESS);
+    ASSERT_EQ(hub.subscribe(client, &exec, 1), ES_RETURN_SUCCESS);
+  }
+  std::vector<std::thread> sources;
+  for (int s = 0; s < kSources; ++s) {
+    sources.emplace_back([&, s] {
+      for (int i = 0; i < kPerSource; ++i) {
+        auto* m = message(ES_EVENT_TYPE_AUTH_EXEC, proc(s * kPerSource + i + 1, "/usr/bin/x"),
+                          [&](bool allow) { ++answers, denials += !allow; });
+        m->budgetNanos = 5'000'000'000ull;
+        hub.deliver(m);
+      }
+    });
+  }
+  for (int i = 0; i < 50; ++i) {
+    hub.mutePathPrefix(clients[1], "/usr/bin/");
+    hub.unsubscribe(clients[0], &exec, 1);
+    hub.unmuteAllPaths(clients[1]);
+    hub.subscribe(clients[0], &exec, 1);
+  }
+  for (auto& t : sources) t.join();
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while ((answers < kSources * kPerSource || held > 0) && std::chrono::steady_clock::now() < end) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  EXPECT_EQ(answers.load(), kSources * kPerSource);
+  ASSERT_EQ(held.load(), 0);
+  EXPECT_GT(denials.load(), 0);
+  EXPECT_EQ(hub.counters().authFailsafe.load(), 0u);
+  EXPECT_EQ(hub.counters().authReleasedUnanswered.load(), 0u);
 }
 
 }  // namespace
