@@ -15,9 +15,7 @@
 #include <utility>
 #include <vector>
 
-#include "clock/monotonicclock.h"
-#include "dispatch/linuxdispatch.h"
-#include "setup/facility.h"
+#include "linux_es/realfacility.h"
 
 namespace {
 
@@ -54,10 +52,8 @@ TEST(ExecAuthorisation, OnlyTheImageAnExecNamesIsAskedAboutAndADeniedScriptLeave
   const std::string shell = fs::canonical("/bin/sh");
   const std::string truePath = fs::canonical("/bin/true");
 
-  tarvex::itx::rtn::linux_platform::MonotonicClock clock;
-  tarvex::itx::rtn::linux_platform::LinuxDispatch dispatch(clock);
-  std::unique_ptr<endpointsecurity::IEndpointSecurityApi> es(
-      tarvex::itx::rtn::linux_platform::makeEndpointSecurity(clock, dispatch));
+  lumo::testing::RealFacility facility;
+  auto& es = facility.es;
   ASSERT_TRUE(es);
   std::mutex mutex;
   std::vector<std::pair<pid_t, std::string>> asked;  // caller, target

@@ -12,9 +12,7 @@
 #include <mutex>
 #include <vector>
 
-#include "clock/monotonicclock.h"
-#include "dispatch/linuxdispatch.h"
-#include "setup/facility.h"
+#include "linux_es/realfacility.h"
 
 namespace {
 
@@ -37,10 +35,8 @@ void finish(pid_t pid) {
 
 TEST(FacilityMuting, AProcessMutedByItsTokenIsSilentUntilUnmuted) {
   if (geteuid() != 0) GTEST_SKIP() << "the facility needs root";
-  tarvex::itx::rtn::linux_platform::MonotonicClock clock;
-  tarvex::itx::rtn::linux_platform::LinuxDispatch dispatch(clock);
-  std::unique_ptr<endpointsecurity::IEndpointSecurityApi> es(
-      tarvex::itx::rtn::linux_platform::makeEndpointSecurity(clock, dispatch));
+  lumo::testing::RealFacility facility;
+  auto& es = facility.es;
   ASSERT_TRUE(es);
 
   // Per message, the process it is about (a fork's child) and its type.
