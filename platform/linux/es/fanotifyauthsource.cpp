@@ -29,6 +29,16 @@ namespace {
 
 constexpr uint32_t kFRead = 0x1;
 
+// Gives the kernel the answer for one permission event and closes its
+// descriptor.
+void answer(int group, int eventFd, bool allow) {
+  fanotify_response response{eventFd, static_cast<__u32>(allow ? FAN_ALLOW : FAN_DENY)};
+  if (write(group, &response, sizeof response) != sizeof response) {
+    LOG_ERROR("Answering a permission event failed: %{public}s", strerror(errno));
+  }
+  close(eventFd);
+}
+
 // Whether the file behind fd is the one the exec call names, resolved the
 // way the kernel did: from the caller's working directory.
 bool namesFile(pid_t pid, const std::string& filename, const std::string& openedPath, int fd) {
@@ -158,14 +168,6 @@ void FanotifyAuthSource::stop() {
   closeGroup();
 }
 
-void FanotifyAuthSource::respond(int eventFd, bool allow) {
-  fanotify_response response{eventFd, static_cast<__u32>(allow ? FAN_ALLOW : FAN_DENY)};
-  if (write(*group_, &response, sizeof response) != sizeof response) {
-    LOG_ERROR("Answering a permission event failed: %{public}s", strerror(errno));
-  }
-  close(eventFd);
-}
-
 void FanotifyAuthSource::sawInterpreter(int eventFd, const std::string& path) {
   if (loader_.empty() || path != loader_) return;
   // On the inode behind the event: a loader replaced by an update is a new
@@ -208,7 +210,7 @@ bool FanotifyAuthSource::isImage(int eventFd, pid_t pid, const std::string& path
 void FanotifyAuthSource::handle(int eventFd, uint64_t mask, pid_t pid) {
   // Never make ourselves wait: our handlers may open watched files.
   if (pid == self_) {
-    respond(eventFd, true);
+    answer(*group_, eventFd, true);
     return;
   }
   const bool exec = (mask & FAN_OPEN_EXEC_PERM) && hub_.wants(ES_EVENT_TYPE_AUTH_EXEC);
@@ -220,7 +222,7 @@ void FanotifyAuthSource::handle(int eventFd, uint64_t mask, pid_t pid) {
     image = isImage(eventFd, pid, path);
   }
   if (!image && !open) {
-    respond(eventFd, true);
+    answer(*group_, eventFd, true);
     return;
   }
   const es_event_type_t type = image ? ES_EVENT_TYPE_AUTH_EXEC : ES_EVENT_TYPE_AUTH_OPEN;
@@ -248,13 +250,8 @@ void FanotifyAuthSource::handle(int eventFd, uint64_t mask, pid_t pid) {
     message->budgetNanos = hub_.budgets().authOpenNanos;
   }
   std::shared_ptr<int> group = group_;
-  message->verdict = std::make_shared<AuthVerdict>([group, eventFd](bool allow) {
-    fanotify_response response{eventFd, static_cast<__u32>(allow ? FAN_ALLOW : FAN_DENY)};
-    if (write(*group, &response, sizeof response) != sizeof response) {
-      LOG_ERROR("Answering a permission event failed: %{public}s", strerror(errno));
-    }
-    close(eventFd);
-  });
+  message->verdict = std::make_shared<AuthVerdict>(
+      [group, eventFd](bool allow) { answer(*group, eventFd, allow); });
   hub_.deliver(message);
 }
 

@@ -46,7 +46,6 @@ class FanotifyAuthSource final : public IEventSource {
   void markMounts(const std::string& mountInfo);
   void run();
   void handle(int eventFd, uint64_t mask, pid_t pid);
-  void respond(int eventFd, bool allow);
   // Whether an exec open is the image the caller's execve names, rather
   // than a file the kernel opens for it (its loader, a script's
   // interpreter). Those come only after an image that needs one, so only

@@ -223,10 +223,7 @@ std::optional<std::string> FanotifyFileSource::path(const std::string& key) {
   const bool statted = fstat(fd, &st) == 0;
   close(fd);
   if (path.empty()) return std::nullopt;
-  constexpr std::string_view kDeleted = " (deleted)";
-  if (path.size() > kDeleted.size() && path.ends_with(kDeleted)) {
-    path.resize(path.size() - kDeleted.size());
-  } else if (statted) {
+  if (!stripDeletedTail(path) && statted) {
     if (resolved_.size() >= kResolvedPaths) {
       resolved_.clear();
       lastDir_ = nullptr;

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <charconv>
+#include <string_view>
 
 namespace endpointsecurity::linux_es {
 
@@ -20,6 +21,13 @@ std::string pathOfFd(int fd) {
                                : readlink(("/proc/self/fd/" + std::string(name)).c_str(), buf,
                                           sizeof buf);
   return n > 0 ? std::string(buf, static_cast<size_t>(n)) : std::string();
+}
+
+bool stripDeletedTail(std::string& path) {
+  constexpr std::string_view kDeleted = " (deleted)";
+  if (path.size() <= kDeleted.size() || !path.ends_with(kDeleted)) return false;
+  path.resize(path.size() - kDeleted.size());
+  return true;
 }
 
 }  // namespace endpointsecurity::linux_es

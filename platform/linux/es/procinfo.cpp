@@ -9,6 +9,8 @@
 #include <sstream>
 #include <vector>
 
+#include "es/fdpath.h"
+
 namespace endpointsecurity::linux_es {
 
 namespace {
@@ -134,12 +136,7 @@ std::optional<std::string> ProcReader::exe(pid_t pid) const {
   const ssize_t n = readlink(link.c_str(), buf, sizeof buf - 1);
   if (n <= 0) return std::nullopt;
   std::string path(buf, static_cast<size_t>(n));
-  // A replaced or deleted image keeps its old path with this tail.
-  constexpr std::string_view kDeleted = " (deleted)";
-  if (path.size() > kDeleted.size() &&
-      path.compare(path.size() - kDeleted.size(), kDeleted.size(), kDeleted) == 0) {
-    path.resize(path.size() - kDeleted.size());
-  }
+  stripDeletedTail(path);  // a replaced or deleted image keeps its old path
   return path;
 }
 
