@@ -32,7 +32,11 @@ struct FakeSource : IEventSource {
     return true;
   }
   void stop() override { stopped = true; }
+  void catchUp() override {
+    if (onCatchUp) onCatchUp();
+  }
   EventSet produces;
+  std::function<void()> onCatchUp;
   std::vector<EventSet> applied;
   bool stopped = false;
 };
@@ -144,7 +148,21 @@ TEST_F(Facility, SourcesAndDeliveriesFollowTheSubscriptions) {
   const auto bad = static_cast<es_event_type_t>(ES_EVENT_TYPE_LAST);
   EXPECT_EQ(hub.subscribe(ca, &bad, 1), ES_RETURN_ERROR);
 
+  // Before an AUTH, the sources deliver what the kernel queued ahead of it:
+  // a file renamed just before an exec is seen before the exec is asked about.
+  Seen c;
+  client(c, {ES_EVENT_TYPE_NOTIFY_EXIT, ES_EVENT_TYPE_AUTH_EXEC});
+  source->onCatchUp = [&] {
+    hub.deliver(message(ES_EVENT_TYPE_NOTIFY_EXIT, proc(12, "/usr/bin/mv")));
+  };
+  std::vector<bool> answers;
+  hub.deliver(message(ES_EVENT_TYPE_AUTH_EXEC, proc(13, "/bin/sh"), into(answers)));
+  ASSERT_EQ(c.size(), 2u);
+  EXPECT_EQ(std::make_pair(c[0]->event_type, c[1]->event_type),
+            std::make_pair(ES_EVENT_TYPE_NOTIFY_EXIT, ES_EVENT_TYPE_AUTH_EXEC));
+
   release(b);
+  release(c);
   hub.shutdown();
   EXPECT_TRUE(source->stopped);
 }

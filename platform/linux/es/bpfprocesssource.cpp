@@ -91,7 +91,7 @@ std::unique_ptr<BpfProcessSource> BpfProcessSource::open(IEventSink& sink, std::
     return nullptr;
   }
   BpfProcessSource* raw = source.get();
-  sink.processes().setCatchUp([raw] { raw->catchUp(); });
+  sink.processes().setCatchUp([raw] { raw->catchUpCache(); });
   return source;
 }
 
@@ -168,7 +168,7 @@ void BpfProcessSource::reportDrops() {
   }
 }
 
-void BpfProcessSource::catchUp() {
+void BpfProcessSource::catchUpCache() {
   if (stopping_.load()) return;
   drain(false);
 }

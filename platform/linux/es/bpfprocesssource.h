@@ -37,7 +37,7 @@ class BpfProcessSource final : public IEventSource {
   // thread: a file or permission event then finds its process cached. The
   // messages wait for the source's own thread, which delivers them on its
   // beat with the rest: the caller wakes no observer.
-  void catchUp();
+  void catchUpCache();
 
  private:
   // Holds the decoder's messages while another thread drains.

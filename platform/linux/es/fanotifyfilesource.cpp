@@ -34,11 +34,14 @@ constexpr int kHoldMillis = 5;
 constexpr size_t kResolvedPaths = 4096;
 // The reading beat under load.
 constexpr int kBatchMillis = 10;
+// Reads a catch-up makes at most: a storm of events can't hold up an
+// authorisation for long.
+constexpr int kCatchUpReads = 4;
 
 }  // namespace
 
 FanotifyFileSource::FanotifyFileSource(IEventSink& sink)
-    : sink_(sink), decoder_(sink, *this, getpid()) {}
+    : sink_(sink), decoder_(sink, *this, getpid()), buffer_(256 * 1024) {}
 
 FanotifyFileSource::~FanotifyFileSource() { stop(); }
 
@@ -65,13 +68,16 @@ uint64_t FanotifyFileSource::maskFor(const EventSet& wanted) {
 }
 
 bool FanotifyFileSource::openGroup(std::string* why) {
-  fd_ = fanotify_init(FAN_CLASS_NOTIF | FAN_CLOEXEC | FAN_UNLIMITED_QUEUE | FAN_UNLIMITED_MARKS |
-                          FAN_REPORT_DFID_NAME_TARGET,
-                      O_RDONLY | O_LARGEFILE | O_CLOEXEC);
-  if (fd_ < 0) {
+  // Non-blocking: a catch-up reads only what is there.
+  const int fd = fanotify_init(FAN_CLASS_NOTIF | FAN_CLOEXEC | FAN_NONBLOCK | FAN_UNLIMITED_QUEUE |
+                                   FAN_UNLIMITED_MARKS | FAN_REPORT_DFID_NAME_TARGET,
+                               O_RDONLY | O_LARGEFILE | O_CLOEXEC);
+  if (fd < 0) {
     *why = strerror(errno);
     return false;
   }
+  std::lock_guard<std::mutex> lock(readMutex_);
+  fd_ = fd;
   return true;
 }
 
@@ -79,8 +85,11 @@ void FanotifyFileSource::closeGroup() {
   stopping_.store(true);
   if (thread_.joinable()) thread_.join();
   stopping_.store(false);
-  if (fd_ >= 0) close(fd_);
-  fd_ = -1;
+  {
+    std::lock_guard<std::mutex> lock(readMutex_);
+    if (fd_ >= 0) close(fd_);
+    fd_ = -1;
+  }
   std::lock_guard<std::mutex> lock(marksMutex_);
   marked_.clear();
   devices_.clear();
@@ -245,18 +254,22 @@ bool FanotifyFileSource::stat(const std::string& path, struct stat* st) {
 void FanotifyFileSource::run() {
   tarvex::itx::rtn::linux_platform::nameThread("lumo-es-fanotify");
   const int mounts = open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC);
-  std::vector<char> buffer(256 * 1024);
   std::string pendingTable;
   bool busy = false;
   while (!stopping_.load()) {
     // While events keep coming, read them in batches on a beat instead of
     // being woken for each one; idle, sleep in poll until the next.
     if (busy) std::this_thread::sleep_for(std::chrono::milliseconds(kBatchMillis));
+    bool holding;
+    {
+      std::lock_guard<std::mutex> lock(readMutex_);
+      holding = decoder_.holding();
+    }
     pollfd fds[2] = {{fd_, POLLIN, 0}, {mounts, POLLPRI, 0}};
-    const int ready =
-        poll(fds, mounts >= 0 ? 2 : 1, busy ? 0 : (decoder_.holding() ? kHoldMillis : 200));
+    const int ready = poll(fds, mounts >= 0 ? 2 : 1, busy ? 0 : (holding ? kHoldMillis : 200));
     busy = ready > 0 && (fds[0].revents & POLLIN);
     if (ready == 0) {
+      std::lock_guard<std::mutex> lock(readMutex_);
       tarvex::itx::rtn::linux_platform::WakeBatch batch;
       decoder_.flush();
       continue;
@@ -274,20 +287,40 @@ void FanotifyFileSource::run() {
         pendingTable.clear();
       }
     }
-    if (fds[0].revents & POLLIN) {
-      const ssize_t n = read(fd_, buffer.data(), buffer.size());
-      if (n > 0) {
-        ++read_;
-        // The observers' queues are woken once for the whole read.
-        tarvex::itx::rtn::linux_platform::WakeBatch batch;
-        decoder_.handle(buffer.data(), static_cast<size_t>(n));
-      } else if (n < 0 && errno != EAGAIN && errno != EINTR) {
-        LOG_ERROR("Reading file events failed: %{public}s", strerror(errno));
-      }
-    }
+    if (fds[0].revents & POLLIN) readQueued();
   }
+  std::lock_guard<std::mutex> lock(readMutex_);
   decoder_.flush();
   if (mounts >= 0) close(mounts);
+}
+
+bool FanotifyFileSource::readQueued() {
+  std::lock_guard<std::mutex> lock(readMutex_);
+  if (fd_ < 0) return false;
+  const ssize_t n = read(fd_, buffer_.data(), buffer_.size());
+  if (n <= 0) {
+    if (n < 0 && errno != EAGAIN && errno != EINTR) {
+      LOG_ERROR("Reading file events failed: %{public}s", strerror(errno));
+    }
+    return false;
+  }
+  ++read_;
+  // The observers' queues are woken once for the whole read.
+  tarvex::itx::rtn::linux_platform::WakeBatch batch;
+  decoder_.handle(buffer_.data(), static_cast<size_t>(n));
+  return true;
+}
+
+void FanotifyFileSource::catchUp() {
+  // A program renames a print job's data file into the spool and runs its
+  // filter at once: the rename must be seen before the exec is asked about.
+  for (int reads = 0; reads < kCatchUpReads && readQueued(); ++reads) {
+  }
+  std::lock_guard<std::mutex> lock(readMutex_);
+  // A held rename goes as a move to a new path: what would tell an
+  // overwrite may not have happened yet.
+  tarvex::itx::rtn::linux_platform::WakeBatch batch;
+  decoder_.flush();
 }
 
 }  // namespace endpointsecurity::linux_es

@@ -8,6 +8,7 @@
 #include <string>
 #include <thread>
 #include <unordered_map>
+#include <vector>
 
 #include "es/eventsource.h"
 #include "es/fanotifydecoder.h"
@@ -27,6 +28,7 @@ class FanotifyFileSource final : public IEventSource, private IHandleResolver {
   EventSet types() const override;
   bool apply(const EventSet& wanted) override;
   void stop() override;
+  void catchUp() override;
 
   // The fanotify mask for a set of wanted types, public for tests.
   static uint64_t maskFor(const EventSet& wanted);
@@ -46,6 +48,8 @@ class FanotifyFileSource final : public IEventSource, private IHandleResolver {
   // Marks every watchable file system of the mount table not marked yet.
   bool markMounts(const std::string& mountInfo);
   void run();
+  // Reads and decodes what is queued; false when nothing was. Takes readMutex_.
+  bool readQueued();
 
   // IHandleResolver
   std::optional<std::string> path(const std::string& key) override;
@@ -59,7 +63,10 @@ class FanotifyFileSource final : public IEventSource, private IHandleResolver {
   std::mutex marksMutex_;               // marked_, read by the reader thread
   std::map<std::string, Marked> marked_;  // by fsid bytes
   std::set<dev_t> devices_;
-  // Reader thread only.
+  // The reader thread and catchUp() take turns: the decoder and what it
+  // remembers, and fd_ once the group is open.
+  std::mutex readMutex_;
+  std::vector<char> buffer_;
   std::unordered_map<std::string, Resolved> resolved_;
   uint64_t read_ = 0;  // reads so far
   // The directory last resolved: its events' files and their parent's stat

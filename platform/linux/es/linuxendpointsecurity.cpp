@@ -55,7 +55,16 @@ LinuxEndpointSecurity::~LinuxEndpointSecurity() { shutdown(); }
 
 void LinuxEndpointSecurity::addSource(std::unique_ptr<IEventSource> source) {
   std::lock_guard<std::mutex> lock(sourcesMutex_);
+  {
+    std::lock_guard<std::mutex> catchUpLock(catchUpMutex_);
+    catchUpSources_.push_back(source.get());
+  }
   sources_.push_back(std::move(source));
+}
+
+void LinuxEndpointSecurity::catchUp() {
+  std::lock_guard<std::mutex> lock(catchUpMutex_);
+  for (IEventSource* source : catchUpSources_) source->catchUp();
 }
 
 void LinuxEndpointSecurity::shutdown() {
@@ -182,6 +191,9 @@ bool LinuxEndpointSecurity::muted(ClientState& client, const es_message_t& messa
 void LinuxEndpointSecurity::deliver(Message* message) {
   es_message_t& es = message->es;
   const bool auth = es.action_type == ES_ACTION_TYPE_AUTH;
+  // Notifications of what happened before an exec or open reach the
+  // clients before they are asked about it, as they would from the kernel.
+  if (auth) catchUp();
   if (auth && !message->verdict) message->verdict = std::make_shared<AuthVerdict>(nullptr);
   es.seq_num = es.global_seq_num = seq_.fetch_add(1) + 1;
   es.mach_time = clock_.now();

@@ -110,6 +110,8 @@ class LinuxEndpointSecurity final : public IEndpointSecurityApi, public IEventSi
   // Recomputes the union and tells the sources. Takes sourcesMutex_.
   void applyUnion();
   void scheduleFailsafe(Message& message);
+  // Every source delivers what the kernel queued for it so far.
+  void catchUp();
 
   tarvex::itx::rtn::IClock& clock_;
   tarvex::itx::rtn::IDispatch& dispatch_;
@@ -128,6 +130,10 @@ class LinuxEndpointSecurity final : public IEndpointSecurityApi, public IEventSi
 
   std::mutex sourcesMutex_;
   std::vector<std::unique_ptr<IEventSource>> sources_;
+  // The same sources, for catch-ups: never under sourcesMutex_, which is
+  // held while a source joins the thread that may be asking.
+  std::mutex catchUpMutex_;
+  std::vector<IEventSource*> catchUpSources_;
   EventSet warnedMissing_;
   std::atomic<uint64_t> wanted_[2] = {0, 0};
 };
