@@ -89,9 +89,12 @@ TEST_F(Printing, AJobIsReportedOnceWithItsSubmitterAndItsFiltersAreHeld) {
   ASSERT_TRUE(job) << "no printer record for lp (pid " << lp << ")";
   const std::string data = text(*job, "filename");
   EXPECT_EQ(data.rfind("/var/spool/cups/d", 0), 0u) << data;
-  // A filter reads the data file after the observer looked at it.
+  // A filter reads the data file after the observer looked at it. The
+  // scheduler runs the first one right after moving the file into the
+  // spool: it is judged knowing the job, never denied as an unknown one.
   EXPECT_TRUE(
       lumo::testing::waitFor(logPath, "access to data file: " + data, 1, std::chrono::seconds(30)));
+  EXPECT_EQ(lumo::testing::countIn(logPath, "failed to find auth verdict for " + data), 0u);
   std::this_thread::sleep_for(std::chrono::seconds(2));
   EXPECT_EQ(
       events("handlePrinterEvent:", [&](const Received& r) { return text(r, "filename") == data; })

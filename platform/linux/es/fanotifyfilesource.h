@@ -50,6 +50,8 @@ class FanotifyFileSource final : public IEventSource, private IHandleResolver {
   void run();
   // Reads and decodes what is queued; false when nothing was. Takes readMutex_.
   bool readQueued();
+  // Whether a file was moved since the last call. Under readMutex_.
+  bool movedSinceLastAsked();
 
   // IHandleResolver
   std::optional<std::string> path(const std::string& key) override;
@@ -66,6 +68,9 @@ class FanotifyFileSource final : public IEventSource, private IHandleResolver {
   // The reader thread and catchUp() take turns: the decoder and what it
   // remembers, and fd_ once the group is open.
   std::mutex readMutex_;
+  // A second group that only hears of moves: a catch-up reads the file
+  // events only after one. -1 when it could not be had: every catch-up reads.
+  int movedFd_ = -1;
   std::vector<char> buffer_;
   std::unordered_map<std::string, Resolved> resolved_;
   uint64_t read_ = 0;  // reads so far
