@@ -40,9 +40,9 @@ class IEventSource {
   virtual bool apply(const EventSet& wanted) = 0;
   // Detaches everything and joins the source's threads.
   virtual void stop() = 0;
-  // Delivers, on the caller's thread, what the kernel queued for this source
-  // so far. Called before an authorisation is delivered: a client sees the
-  // notifications that came before it first, as it does from the kernel.
+  // Called before an authorisation is delivered, on its thread: delivers
+  // first what the kernel queued for this source that a client must see
+  // before it, as it would from the kernel.
   virtual void catchUp() {}
 };
 

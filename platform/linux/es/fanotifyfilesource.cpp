@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/fanotify.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
 #include <unistd.h>
@@ -10,6 +11,7 @@
 #include <cerrno>
 #include <cstring>
 #include <chrono>
+#include <utility>
 #include <vector>
 
 #include "dispatch/threadname.h"
@@ -37,6 +39,8 @@ constexpr int kBatchMillis = 10;
 // Reads a catch-up makes at most: a storm of events can't hold up an
 // authorisation for long.
 constexpr int kCatchUpReads = 4;
+// Bytes of moves the second group may hold while nobody asks.
+constexpr int kMovedBacklog = 64 * 1024;
 
 }  // namespace
 
@@ -307,6 +311,7 @@ void FanotifyFileSource::run() {
       }
     }
     if (fds[0].revents & POLLIN) readQueued();
+    boundMoves();
   }
   std::lock_guard<std::mutex> lock(readMutex_);
   decoder_.flush();
@@ -333,9 +338,19 @@ bool FanotifyFileSource::readQueued() {
 bool FanotifyFileSource::movedSinceLastAsked() {
   if (movedFd_ < 0) return true;
   char drained[4096];
-  bool moved = false;
+  bool moved = std::exchange(movedUnasked_, false);
   while (read(movedFd_, drained, sizeof drained) > 0) moved = true;
   return moved;
+}
+
+void FanotifyFileSource::boundMoves() {
+  std::lock_guard<std::mutex> lock(readMutex_);
+  int queued = 0;
+  // Nobody asks while no AUTH type is subscribed: keep the group small,
+  // and remember for the next one that asks that moves went unasked.
+  if (movedFd_ >= 0 && ioctl(movedFd_, FIONREAD, &queued) == 0 && queued > kMovedBacklog) {
+    movedUnasked_ = movedSinceLastAsked();
+  }
 }
 
 void FanotifyFileSource::catchUp() {

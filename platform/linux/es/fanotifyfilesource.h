@@ -52,6 +52,8 @@ class FanotifyFileSource final : public IEventSource, private IHandleResolver {
   bool readQueued();
   // Whether a file was moved since the last call. Under readMutex_.
   bool movedSinceLastAsked();
+  // Drains the moves group when it grew large. Takes readMutex_.
+  void boundMoves();
 
   // IHandleResolver
   std::optional<std::string> path(const std::string& key) override;
@@ -71,6 +73,7 @@ class FanotifyFileSource final : public IEventSource, private IHandleResolver {
   // A second group that only hears of moves: a catch-up reads the file
   // events only after one. -1 when it could not be had: every catch-up reads.
   int movedFd_ = -1;
+  bool movedUnasked_ = false;
   std::vector<char> buffer_;
   std::unordered_map<std::string, Resolved> resolved_;
   uint64_t read_ = 0;  // reads so far
