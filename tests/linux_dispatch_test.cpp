@@ -2,7 +2,8 @@
 // one runs its tasks side by side and holds up nobody else), timers on
 // absolute time, queue and dispatch lifetimes, and how workers come to short
 // work (a batch posted under a WakeBatch wakes once; a worker stuck in a
-// task still gets help without any further post).
+// task still gets help without any further post; a notification queue's
+// run of tasks wakes what they post once).
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -246,6 +247,62 @@ TEST(LinuxWakeBatch, ABatchWakesOnceOneWorkerDrainsItAndAStuckOneGetsHelp) {
   }
   EXPECT_TRUE(runs.waitFor(kTasks + 1)) << "the task behind a stuck one never ran";
   gate.add();
+}
+
+// Stands in for a link: counts the wake-ups its producers leave to a batch
+// and those they make at once.
+class Consumer final : public Wakeable {
+ public:
+  void post() {
+    if (!WakeBatch::defer(shared())) direct.add();
+  }
+  void wakeForQueued() override { deferred.add(); }
+  std::shared_ptr<Consumer> shared() { return self.lock(); }
+
+  std::weak_ptr<Consumer> self;
+  Tally direct;
+  Tally deferred;
+};
+
+std::shared_ptr<Consumer> makeConsumer() {
+  auto consumer = std::make_shared<Consumer>();
+  consumer->self = consumer;
+  return consumer;
+}
+
+TEST(LinuxWakeBatch, ANotifyQueuesRunWakesWhatItPostsOnceAndGlobalQueuesDoNot) {
+  auto consumer = makeConsumer();
+  auto unbatched = makeConsumer();
+  Tally runs;
+  MonotonicClock clock;
+  LinuxDispatch dispatch(clock);
+  QueueRef notify = dispatch.createConcurrentQueue("t.notify", QosClass::Default);
+  QueueRef global = dispatch.globalQueue(QosClass::Default);
+  constexpr int kRun = 10;
+  constexpr int kLong = 3 * WorkerPool::kTasksPerBatch;
+  {
+    WakeBatch batch;  // queued together: one worker's run
+    for (int i = 0; i < kRun; ++i) notify->async([&] { consumer->post(); runs.add(); });
+  }
+  ASSERT_TRUE(runs.waitFor(kRun));
+  ASSERT_TRUE(consumer->deferred.waitFor(1));
+  EXPECT_EQ(consumer->direct.count(), 0);
+  // The wake-up came when the run ended, not per task (two runs if the
+  // worker was held off the CPU past the stall time and another came).
+  std::this_thread::sleep_for(20ms);
+  EXPECT_LE(consumer->deferred.count(), 2);
+
+  // A long run still wakes now and then.
+  {
+    WakeBatch batch;
+    for (int i = 0; i < kLong; ++i) notify->async([&] { consumer->post(); runs.add(); });
+  }
+  ASSERT_TRUE(runs.waitFor(kRun + kLong));
+  ASSERT_TRUE(consumer->deferred.waitFor(1 + kLong / (WorkerPool::kTasksPerBatch + 1)));
+
+  for (int i = 0; i < kRun; ++i) global->async([&] { unbatched->post(); });
+  ASSERT_TRUE(unbatched->direct.waitFor(kRun));
+  EXPECT_EQ(unbatched->deferred.count(), 0);
 }
 
 }  // namespace

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "daemonlink.pb.h"
+#include "dispatch/wakebatch.h"
 #include "support/capture_sink.h"
 #include "support/link_journal.h"
 #include "xpc/callcheck.h"
@@ -222,9 +223,15 @@ TEST_F(LinuxXpcTransport, CarriesCallsBothWaysWithNumberKindsNilsAndReplies) {
   }};
   extension.daemon->handleFileEvent(event);
   extension.daemon->handleProcessStartEvent(Dictionary{{{"pid", Number::ofUnsignedInt(7)}}});
-  extension.daemon->handlePrinterEvent(Dictionary{});
-  extension.daemon->handleProcessExitEvent(
-      Dictionary{{{"timestamp", Number::ofUnsignedLongLong(7)}}});
+  ASSERT_TRUE(daemonSide.waitForSize(3));
+  ASSERT_TRUE(extensionSide.waitFor("registered YES"));
+  {
+    // Sent from a notification worker's run: written once the run ends.
+    rtn::linux_platform::WakeBatch run;
+    extension.daemon->handlePrinterEvent(Dictionary{});
+    extension.daemon->handleProcessExitEvent(
+        Dictionary{{{"timestamp", Number::ofUnsignedLongLong(7)}}});
+  }
   const Strings expected{"register", "file " + valueText(Value(event)), "start {pid=u7;}",
                          "printer {}", "exit {timestamp=ull7;}"};
   ASSERT_TRUE(daemonSide.waitForSize(expected.size()));

@@ -55,13 +55,13 @@ LinuxDispatch::~LinuxDispatch() {
 
 QueueRef LinuxDispatch::createConcurrentQueue(const char* label, QosClass target) {
   std::lock_guard lock(mutex_);
-  return makeQueueLocked(label ? label : "", target);
+  return makeQueueLocked(label ? label : "", target, target != QosClass::UserInteractive);
 }
 
 QueueRef LinuxDispatch::globalQueue(QosClass qos) {
   std::lock_guard lock(mutex_);
   QueueRef& queue = globals_[qos];
-  if (!queue) queue = makeQueueLocked(std::string("lumo.global.") + qosName(qos), qos);
+  if (!queue) queue = makeQueueLocked(std::string("lumo.global.") + qosName(qos), qos, false);
   return queue;
 }
 
@@ -74,7 +74,7 @@ void LinuxDispatch::main() {
   for (;;) pause();
 }
 
-QueueRef LinuxDispatch::makeQueueLocked(std::string label, QosClass qos) {
+QueueRef LinuxDispatch::makeQueueLocked(std::string label, QosClass qos, bool batchWakes) {
   const unsigned cap =
       qos == QosClass::UserInteractive ? limits_.interactiveThreads : limits_.otherThreads;
   const auto spin =
@@ -90,7 +90,8 @@ QueueRef LinuxDispatch::makeQueueLocked(std::string label, QosClass qos) {
                               std::move(check));
     };
   }
-  auto pool = std::make_shared<WorkerPool>(label, cap, limits_.idleTimeout, spin, recruiting, qos);
+  auto pool = std::make_shared<WorkerPool>(label, cap, limits_.idleTimeout, spin, recruiting, qos,
+                                           batchWakes);
   if (closing_) {
     pool->shutdown();  // no threads yet, so nothing is joined under the lock
   } else {

@@ -28,6 +28,11 @@ struct DispatchLimits {
 // Dispatch on plain threads: every queue, global ones included, has its own
 // elastic pool, and one timer thread serves after().
 //
+// Queues made by createConcurrentQueue for a class other than
+// UserInteractive batch the wake-ups of what their tasks post (see
+// WorkerPool): their tasks must never wait on work they post. The
+// observers' notification work never does; global queues don't batch.
+//
 // Destruction discards pending timers and queued tasks, waits for running
 // tasks to return and joins every thread; it must not run on one of its own
 // workers. Queues that outlive it drop whatever is posted to them.
@@ -44,7 +49,7 @@ class LinuxDispatch final : public IDispatch {
   [[noreturn]] void main() override;
 
  private:
-  QueueRef makeQueueLocked(std::string label, QosClass qos);
+  QueueRef makeQueueLocked(std::string label, QosClass qos, bool batchWakes);
 
   IClock& clock_;
   const DispatchLimits limits_;

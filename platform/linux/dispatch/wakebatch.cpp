@@ -3,15 +3,13 @@
 #include <algorithm>
 #include <vector>
 
-#include "dispatch/workerpool.h"
-
 namespace tarvex::itx::rtn::linux_platform {
 
 namespace {
 
 struct Pending {
   int depth = 0;
-  std::vector<std::shared_ptr<WorkerPool>> pools;
+  std::vector<std::shared_ptr<Wakeable>> targets;
 };
 
 thread_local Pending pending;
@@ -22,15 +20,15 @@ WakeBatch::WakeBatch() { ++pending.depth; }
 
 WakeBatch::~WakeBatch() {
   if (--pending.depth > 0) return;
-  std::vector<std::shared_ptr<WorkerPool>> pools;
-  pools.swap(pending.pools);
-  for (const auto& pool : pools) pool->wakeForQueued();
+  std::vector<std::shared_ptr<Wakeable>> targets;
+  targets.swap(pending.targets);
+  for (const auto& target : targets) target->wakeForQueued();
 }
 
-bool WakeBatch::defer(const std::shared_ptr<WorkerPool>& pool) {
-  if (pending.depth == 0 || !pool) return false;
-  if (std::find(pending.pools.begin(), pending.pools.end(), pool) == pending.pools.end()) {
-    pending.pools.push_back(pool);
+bool WakeBatch::defer(const std::shared_ptr<Wakeable>& target) {
+  if (pending.depth == 0 || !target) return false;
+  if (std::find(pending.targets.begin(), pending.targets.end(), target) == pending.targets.end()) {
+    pending.targets.push_back(target);
   }
   return true;
 }

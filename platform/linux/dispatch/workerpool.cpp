@@ -1,23 +1,25 @@
 #include "dispatch/workerpool.h"
 
 #include <algorithm>
+#include <optional>
 #include <system_error>
 #include <utility>
 
 #include "dispatch/threadname.h"
 #include "dispatch/threadpriority.h"
-#include "dispatch/wakebatch.h"
 
 namespace tarvex::itx::rtn::linux_platform {
 
 WorkerPool::WorkerPool(std::string name, unsigned maxThreads, std::chrono::milliseconds idleTimeout,
-                       std::chrono::microseconds spin, Recruiting recruiting, QosClass qos)
+                       std::chrono::microseconds spin, Recruiting recruiting, QosClass qos,
+                       bool batchWakes)
     : name_(std::move(name)),
       maxThreads_(std::max(maxThreads, 1u)),
       idleTimeout_(idleTimeout),
       spin_(spin),
       recruiting_(recruiting),
-      qos_(qos) {}
+      qos_(qos),
+      batchWakes_(batchWakes) {}
 
 WorkerPool::~WorkerPool() { shutdown(); }
 
@@ -185,8 +187,20 @@ void WorkerPool::workerMain() {
   // Spinning pays only when work comes back within the spin; after a sleep
   // longer than that, the next idle spell sleeps at once.
   bool spinPays = true;
+  // Open while this worker gets through a run of tasks; always closed,
+  // without the lock, before it waits or exits.
+  std::optional<WakeBatch> batch;
+  unsigned batched = 0;
   for (;;) {
     if (!tasks_.empty()) {
+      if (batchWakes_ && (!batch || batched++ == kTasksPerBatch)) {
+        lock.unlock();
+        batch.reset();
+        batch.emplace();
+        batched = 0;
+        lock.lock();
+        continue;
+      }
       {
         Task task = std::move(tasks_.front());
         tasks_.pop_front();
@@ -202,6 +216,12 @@ void WorkerPool::workerMain() {
       }
       lock.lock();
       --busy_;
+      continue;
+    }
+    if (batch) {
+      lock.unlock();
+      batch.reset();
+      lock.lock();
       continue;
     }
     if (TimerRef check = disarmLocked()) {

@@ -11,6 +11,7 @@
 #include <string>
 #include <thread>
 
+#include "dispatch/wakebatch.h"
 #include "rtn/dispatch.h"
 
 namespace tarvex::itx::rtn::linux_platform {
@@ -33,18 +34,26 @@ struct Recruiting {
 // worker is free for them, it adds threads up to maxThreads, and a worker
 // left without work for idleTimeout exits. Pools never share threads, so a
 // pool whose workers are all stuck cannot hold up another pool.
-class WorkerPool : public std::enable_shared_from_this<WorkerPool> {
+//
+// With batchWakes, a worker runs its tasks under a WakeBatch until it runs
+// out of work (or kTasksPerBatch): what they post to other queues and links
+// wakes those once for the run. Only for tasks that never wait on what they
+// post.
+class WorkerPool : public Wakeable, public std::enable_shared_from_this<WorkerPool> {
  public:
+  static constexpr unsigned kTasksPerBatch = 64;
+
   WorkerPool(std::string name, unsigned maxThreads, std::chrono::milliseconds idleTimeout,
              std::chrono::microseconds spin = std::chrono::microseconds(0),
-             Recruiting recruiting = {}, QosClass qos = QosClass::Default);
+             Recruiting recruiting = {}, QosClass qos = QosClass::Default,
+             bool batchWakes = false);
   ~WorkerPool();
   WorkerPool(const WorkerPool&) = delete;
   WorkerPool& operator=(const WorkerPool&) = delete;
 
   void post(Task task);
   // Brings a worker to tasks queued under a WakeBatch.
-  void wakeForQueued();
+  void wakeForQueued() override;
 
   // The owning queue is gone: tasks already queued still run, then the
   // workers exit without waiting out the idle time-out.
@@ -80,6 +89,7 @@ class WorkerPool : public std::enable_shared_from_this<WorkerPool> {
   const std::chrono::microseconds spin_;
   const Recruiting recruiting_;
   const QosClass qos_;
+  const bool batchWakes_;
 
   std::mutex mutex_;
   std::condition_variable wake_;

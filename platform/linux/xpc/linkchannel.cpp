@@ -111,6 +111,7 @@ void LinkChannel::send(CallFrame call, ReplyBlock reply, ErrorHandler onError) {
   std::string error;
   std::optional<std::string> bytes = encodeFrame(call, &error);
   bool firstDrop = false;
+  const bool deferred = rtn::linux_platform::WakeBatch::defer(weak_from_this().lock());
   {
     std::lock_guard lock(mutex_);
     if (closing_ || invalidated_) return;
@@ -120,7 +121,7 @@ void LinkChannel::send(CallFrame call, ReplyBlock reply, ErrorHandler onError) {
       } else {
         if (call.replyId) awaited_[*call.replyId] = {std::move(reply), onError};
         outbox_.push_back({std::move(*bytes), call.selector, call.replyId, std::move(onError)});
-        wakeLocked();
+        if (!deferred) wakeLocked();
         return;
       }
     } else if (onError) {
@@ -137,6 +138,11 @@ void LinkChannel::send(CallFrame call, ReplyBlock reply, ErrorHandler onError) {
               "it drains\n",
               settings_.serviceName.c_str(), kMaxQueuedFrames);
   }
+}
+
+void LinkChannel::wakeForQueued() {
+  std::lock_guard lock(mutex_);
+  wakeLocked();
 }
 
 void LinkChannel::startThreadLocked() {
