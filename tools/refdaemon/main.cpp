@@ -47,7 +47,7 @@ class LineWriter {
   }
 
  private:
-  static constexpr auto kFlushDelay = std::chrono::milliseconds(10);
+  static constexpr auto kFlushDelay = std::chrono::milliseconds(100);
 
   void flushLoop() {
     std::unique_lock lock(mutex_);

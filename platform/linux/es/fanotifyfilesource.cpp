@@ -35,7 +35,7 @@ constexpr int kHoldMillis = 5;
 // Directory paths remembered between events.
 constexpr size_t kResolvedPaths = 4096;
 // The reading beat under load.
-constexpr int kBatchMillis = 10;
+constexpr int kBatchMillis = 25;
 // Reads a catch-up makes at most: a storm of events can't hold up an
 // authorisation for long.
 constexpr int kCatchUpReads = 4;
