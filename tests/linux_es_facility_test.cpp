@@ -160,6 +160,17 @@ TEST_F(Facility, SourcesAndDeliveriesFollowTheSubscriptions) {
   ASSERT_EQ(c.size(), 2u);
   EXPECT_EQ(std::make_pair(c[0]->event_type, c[1]->event_type),
             std::make_pair(ES_EVENT_TYPE_NOTIFY_EXIT, ES_EVENT_TYPE_AUTH_EXEC));
+  // A source about to read its own queue has the others catch up first; a
+  // catch-up goes in the order the sources were added.
+  auto added = std::make_unique<FakeSource>(EventSet());
+  FakeSource* files = added.get();
+  hub.addSource(std::move(added));
+  std::vector<std::string> order;
+  source->onCatchUp = [&] { order.push_back("connects"); };
+  files->onCatchUp = [&] { order.push_back("files"); };
+  hub.catchUpOthers(files);
+  hub.deliver(message(ES_EVENT_TYPE_AUTH_EXEC, proc(14, "/bin/sh"), into(answers)));
+  EXPECT_EQ(order, (std::vector<std::string>{"connects", "connects", "files"}));
 
   release(b);
   release(c);

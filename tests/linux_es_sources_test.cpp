@@ -146,6 +146,7 @@ class Sink : public IEventSink, public IHandleResolver {
   bool wants(es_event_type_t type) const override { return wanted.test(type); }
   ProcessCache& processes() override { return cache; }
   uint64_t now() override { return 0; }
+  void catchUpOthers(const IEventSource*) override {}
   std::optional<std::string> path(const std::string& key) override {
     auto it = paths.find(key);
     if (it == paths.end()) return std::nullopt;

@@ -11,6 +11,7 @@
 
 #include "dispatch/threadname.h"
 #include "dispatch/wakebatch.h"
+#include "es/beat.h"
 #include "es/message.h"
 #include "log/log.h"
 #include "process.skel.h"
@@ -21,10 +22,9 @@ namespace endpointsecurity::linux_es {
 
 namespace {
 
-// Records wake nobody (see the programs): the buffer is drained on this
-// beat, which bounds their latency, and whenever another source misses a
-// process.
-constexpr int kDrainMillis = 25;
+// Records wake nobody (see the programs): the buffer is drained on the
+// sources' beat, which bounds their latency, and whenever another source
+// misses a process.
 
 // Set while this thread drains: records handled then may look processes
 // up again, and a nested drain would take records twice.
@@ -196,7 +196,8 @@ void BpfProcessSource::run() {
   const int epollFd = ring_buffer__epoll_fd(ring_);
   while (!stopping_.load()) {
     epoll_event ready{};
-    if (epoll_wait(epollFd, &ready, 1, kDrainMillis) < 0 && errno != EINTR) {
+    const timespec timeout = untilNextBeat();
+    if (epoll_pwait2(epollFd, &ready, 1, &timeout, nullptr) < 0 && errno != EINTR) {
       LOG_ERROR("Waiting on the process ring buffer failed: %{public}s", strerror(errno));
       std::this_thread::sleep_for(std::chrono::milliseconds(200));
     }

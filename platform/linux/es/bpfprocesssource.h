@@ -48,6 +48,9 @@ class BpfProcessSource final : public IEventSource {
     bool wants(es_event_type_t type) const override { return owner_.sink_.wants(type); }
     ProcessCache& processes() override { return owner_.sink_.processes(); }
     uint64_t now() override { return owner_.sink_.now(); }
+    void catchUpOthers(const IEventSource* asking) override {
+      owner_.sink_.catchUpOthers(asking);
+    }
 
    private:
     BpfProcessSource& owner_;

@@ -2,6 +2,7 @@
 
 #include <bpf/libbpf.h>
 #include <fcntl.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -13,6 +14,8 @@
 #include <vector>
 
 #include "dispatch/threadname.h"
+#include "dispatch/wakebatch.h"
+#include "es/beat.h"
 #include "es/bpf/uipcevent.h"
 #include "es/message.h"
 #include "es/mounts.h"
@@ -26,9 +29,8 @@ namespace endpointsecurity::linux_es {
 
 namespace {
 
-// Records wake nobody (see the programs): the buffer is drained on this
-// beat, which bounds their latency.
-constexpr int kDrainMillis = 25;
+// Records wake nobody (see the programs): the buffer is drained on the
+// sources' beat, which bounds their latency.
 
 // BPF_CGROUP_UNIX_CONNECT: newer than the UAPI headers of Debian 12.
 constexpr int kUnixConnectAttachType = 49;
@@ -175,10 +177,12 @@ void BpfUipcSource::reportDrops() {
 void BpfUipcSource::run() {
   tarvex::itx::rtn::linux_platform::nameThread("lumo-es-bpfuipc");
   auto lastCheck = std::chrono::steady_clock::now();
+  const int epollFd = ring_buffer__epoll_fd(ring_);
   while (!stopping_.load()) {
-    int n = ring_buffer__poll(ring_, kDrainMillis);
-    // poll only drains what woke it; unwoken records are taken here.
-    if (n >= 0) n = ring_buffer__consume(ring_);
+    epoll_event ready{};
+    const timespec timeout = untilNextBeat();
+    int n = epoll_pwait2(epollFd, &ready, 1, &timeout, nullptr) < 0 && errno != EINTR ? -errno : 0;
+    if (n == 0) n = drain();
     if (n < 0 && n != -EINTR) std::this_thread::sleep_for(std::chrono::milliseconds(200));
     const auto now = std::chrono::steady_clock::now();
     if (now - lastCheck >= std::chrono::seconds(1)) {
@@ -186,7 +190,18 @@ void BpfUipcSource::run() {
       lastCheck = now;
     }
   }
-  ring_buffer__consume(ring_);
+  drain();
+}
+
+int BpfUipcSource::drain() {
+  std::lock_guard<std::mutex> lock(drainMutex_);
+  tarvex::itx::rtn::linux_platform::WakeBatch batch;
+  return ring_buffer__consume(ring_);
+}
+
+// Reading an empty ring costs no system call.
+void BpfUipcSource::catchUp() {
+  drain();
 }
 
 }  // namespace endpointsecurity::linux_es

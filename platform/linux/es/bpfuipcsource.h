@@ -26,6 +26,7 @@ class BpfUipcSource final : public IEventSource {
   EventSet types() const override;
   bool apply(const EventSet& wanted) override;
   void stop() override;
+  void catchUp() override;
 
   // The socket path of a record's bytes: abstract names as "@name".
   static std::string socketPath(const char* path, size_t length);
@@ -34,6 +35,8 @@ class BpfUipcSource final : public IEventSource {
  private:
   explicit BpfUipcSource(IEventSink& sink) : sink_(sink) {}
   void run();
+  // Takes what the ring holds. Returns ring_buffer__consume's result.
+  int drain();
   void reportDrops();
 
   IEventSink& sink_;
@@ -41,6 +44,7 @@ class BpfUipcSource final : public IEventSource {
   ring_buffer* ring_ = nullptr;
   int cgroup_ = -1;
   std::mutex mutex_;
+  std::mutex drainMutex_;  // the thread and catch-ups take turns on the ring
   bpf_link* link_ = nullptr;
   std::thread thread_;
   std::atomic<bool> stopping_{false};

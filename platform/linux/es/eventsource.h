@@ -8,6 +8,7 @@
 
 namespace endpointsecurity::linux_es {
 
+class IEventSource;
 class Message;
 class ProcessCache;
 
@@ -24,6 +25,11 @@ class IEventSink {
   virtual bool wants(es_event_type_t type) const = 0;
   virtual ProcessCache& processes() = 0;
   virtual uint64_t now() = 0;
+  // Every other source delivers what its kernel queue holds so far. A
+  // source calls this before it reads its own queue, so that across
+  // sources an event does not reach the clients ahead of those that came
+  // before it (a spooler's data file after its submitter's connect).
+  virtual void catchUpOthers(const IEventSource* asking) = 0;
 };
 
 // One kernel mechanism feeding the hub. The hub tells it, under its own
@@ -40,9 +46,10 @@ class IEventSource {
   virtual bool apply(const EventSet& wanted) = 0;
   // Detaches everything and joins the source's threads.
   virtual void stop() = 0;
-  // Called before an authorisation is delivered, on its thread: delivers
-  // first what the kernel queued for this source that a client must see
-  // before it, as it would from the kernel.
+  // Called before an authorisation is delivered, on its thread, and
+  // before another source reads its queue: delivers first what the kernel
+  // queued for this source that a client must see before it, as it would
+  // from the kernel. Never calls back into the hub's catch-up.
   virtual void catchUp() {}
 };
 

@@ -93,11 +93,13 @@ endpointsecurity::IEndpointSecurityApi* makeEndpointSecurity(IClock& clock, IDis
   // Lives as long as the process: the sources' threads call into it.
   auto* hub = new LinuxEndpointSecurity(clock, dispatch);
   addProcessTier(*hub);
+  // Before the files: a catch-up delivers a job's submitter (its connect)
+  // before the spooler's data file.
+  addUipcTier(*hub);
   // Opened on the first file subscription; it logs then what it could mark.
   hub->addSource(std::make_unique<endpointsecurity::linux_es::FanotifyFileSource>(*hub));
   hub->addSource(std::make_unique<endpointsecurity::linux_es::FanotifyAuthSource>(*hub));
   probeLsmTier();
-  addUipcTier(*hub);
   return hub;
 }
 

@@ -16,6 +16,7 @@
 
 #include "dispatch/threadname.h"
 #include "dispatch/wakebatch.h"
+#include "es/beat.h"
 #include "es/fdpath.h"
 #include "es/mounts.h"
 #include "log/log.h"
@@ -34,8 +35,6 @@ constexpr es_event_type_t kTypes[] = {
 constexpr int kHoldMillis = 5;
 // Directory paths remembered between events.
 constexpr size_t kResolvedPaths = 4096;
-// The reading beat under load.
-constexpr int kBatchMillis = 25;
 // Reads a catch-up makes at most: a storm of events can't hold up an
 // authorisation for long.
 constexpr int kCatchUpReads = 4;
@@ -280,9 +279,9 @@ void FanotifyFileSource::run() {
   std::string pendingTable;
   bool busy = false;
   while (!stopping_.load()) {
-    // While events keep coming, read them in batches on a beat instead of
-    // being woken for each one; idle, sleep in poll until the next.
-    if (busy) std::this_thread::sleep_for(std::chrono::milliseconds(kBatchMillis));
+    // While events keep coming, read them in batches on the sources' beat
+    // instead of being woken for each one; idle, sleep in poll until the next.
+    if (busy) sleepUntilNextBeat();
     bool holding;
     {
       std::lock_guard<std::mutex> lock(readMutex_);
@@ -310,7 +309,10 @@ void FanotifyFileSource::run() {
         pendingTable.clear();
       }
     }
-    if (fds[0].revents & POLLIN) readQueued();
+    if (fds[0].revents & POLLIN) {
+      sink_.catchUpOthers(this);
+      readQueued();
+    }
     boundMoves();
   }
   std::lock_guard<std::mutex> lock(readMutex_);

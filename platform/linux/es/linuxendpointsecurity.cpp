@@ -62,9 +62,15 @@ void LinuxEndpointSecurity::addSource(std::unique_ptr<IEventSource> source) {
   sources_.push_back(std::move(source));
 }
 
-void LinuxEndpointSecurity::catchUp() {
+void LinuxEndpointSecurity::catchUp() { catchUpOthers(nullptr); }
+
+// In the order the sources were added: the facility adds those whose
+// events others depend on first.
+void LinuxEndpointSecurity::catchUpOthers(const IEventSource* asking) {
   std::lock_guard<std::mutex> lock(catchUpMutex_);
-  for (IEventSource* source : catchUpSources_) source->catchUp();
+  for (IEventSource* source : catchUpSources_) {
+    if (source != asking) source->catchUp();
+  }
 }
 
 void LinuxEndpointSecurity::shutdown() {

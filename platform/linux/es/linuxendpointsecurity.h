@@ -97,6 +97,7 @@ class LinuxEndpointSecurity final : public IEndpointSecurityApi, public IEventSi
   // IEventSink
   void deliver(Message* message) override;
   bool wants(es_event_type_t type) const override;
+  void catchUpOthers(const IEventSource* asking) override;
   ProcessCache& processes() override { return cache_; }
   uint64_t now() override { return clock_.now(); }
 
