@@ -96,10 +96,10 @@ uint64_t gTimestamp = 0;
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static World* world = new World();
   std::string error;
-  auto frame = transport::decodeFrame(
+  auto frames = transport::decodeMessage(
       std::string_view(reinterpret_cast<const char*>(data), size), &error);
-  if (!frame) return 0;
-  auto* call = std::get_if<transport::CallFrame>(&*frame);
+  if (!frames || frames->size() != 1) return 0;
+  auto* call = std::get_if<transport::CallFrame>(&frames->front());
   if (call == nullptr || !transport::checkCall(transport::Protocol::Sysext, *call).empty()) {
     return 0;
   }

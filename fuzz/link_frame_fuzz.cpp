@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "xpc/callcheck.h"
 #include "xpc/calldispatch.h"
@@ -63,21 +64,33 @@ void checkDispatch(const transport::CallFrame& call, transport::Protocol protoco
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::string error;
-  const std::optional<transport::Frame> frame =
-      transport::decodeFrame({reinterpret_cast<const char*>(data), size}, &error);
-  if (!frame) {
-    require(!error.empty(), "a rejected frame without a reason");
+  const std::optional<std::vector<transport::Frame>> frames =
+      transport::decodeMessage({reinterpret_cast<const char*>(data), size}, &error);
+  if (!frames) {
+    require(!error.empty(), "a rejected message without a reason");
     return 0;
   }
-  // Canonical bytes may differ from the input, never the frame they carry.
-  if (std::optional<std::string> bytes = transport::encodeFrame(*frame, &error)) {
-    const std::optional<transport::Frame> again = transport::decodeFrame(*bytes, &error);
-    require(again.has_value(), "a re-encoded frame does not decode");
-    require(*again == *frame, "a frame changed through encode and decode");
+  require(!frames->empty(), "a message of no frames");
+  // Canonical bytes may differ from the input, never the frames they carry,
+  // alone or packed.
+  std::vector<std::string> encoded;
+  for (const transport::Frame& frame : *frames) {
+    std::optional<std::string> bytes = transport::encodeFrame(frame, &error);
+    if (!bytes) return 0;
+    const auto again = transport::decodeMessage(*bytes, &error);
+    require(again && again->size() == 1, "a re-encoded frame does not decode");
+    require(again->front() == frame, "a frame changed through encode and decode");
+    encoded.push_back(std::move(*bytes));
   }
-  if (const transport::CallFrame* call = std::get_if<transport::CallFrame>(&*frame)) {
-    checkDispatch(*call, transport::Protocol::Sysext);
-    checkDispatch(*call, transport::Protocol::ProtectionDaemon);
+  std::vector<const std::string*> pack;
+  for (const std::string& bytes : encoded) pack.push_back(&bytes);
+  const auto unpacked = transport::decodeMessage(transport::packFrames(pack), &error);
+  require(unpacked.has_value() && *unpacked == *frames, "frames changed through a pack");
+  for (const transport::Frame& frame : *frames) {
+    if (const transport::CallFrame* call = std::get_if<transport::CallFrame>(&frame)) {
+      checkDispatch(*call, transport::Protocol::Sysext);
+      checkDispatch(*call, transport::Protocol::ProtectionDaemon);
+    }
   }
   return 0;
 }

@@ -125,7 +125,7 @@ TEST(LinuxXpcFrames, DecoderAndCallCheckNameWhatIsWrong) {
   auto decodeError = [&](std::string bytes = "") {
     if (bytes.empty()) frame.SerializeToString(&bytes);
     std::string error;
-    EXPECT_FALSE(decodeFrame(bytes, &error));
+    EXPECT_FALSE(decodeMessage(bytes, &error));
     return error;
   };
   const std::string arg = "argument 1 of \"handleFileEvent:\": ";
@@ -143,6 +143,25 @@ TEST(LinuxXpcFrames, DecoderAndCallCheckNameWhatIsWrong) {
             "frame of 1048577 bytes exceeds the 1048576-byte limit");
   EXPECT_EQ(decodeError(std::string("\x1a\x00", 2)),
             "frame of 2 bytes is neither a call nor a reply");
+
+  // Frames written together come in one pack, in order; a pack holds calls
+  // and replies only, and a bad one drops the whole message.
+  std::string error;
+  const Frame reply = ReplyFrame{9, true};
+  const Frame event = CallFrame{"handleProcessExitEvent:", {Value(Dictionary{})}, std::nullopt};
+  const std::string replyBytes = *encodeFrame(reply, &error);
+  const std::string eventBytes = *encodeFrame(event, &error);
+  const std::string pack = packFrames({&eventBytes, &replyBytes, &eventBytes});
+  EXPECT_EQ(decodeMessage(pack, &error), (std::vector<Frame>{event, reply, event}));
+  EXPECT_EQ(decodeError(packFrames({&eventBytes, &pack})),
+            "frame 2 of a pack: frame of " + std::to_string(pack.size()) +
+                " bytes is neither a call nor a reply");
+  EXPECT_EQ(decodeError(std::string("\x22\x00", 2)), "empty pack of 2 bytes");
+  frame.mutable_call()->set_selector("\xff");
+  std::string bad;
+  frame.SerializeToString(&bad);
+  EXPECT_EQ(decodeError(packFrames({&replyBytes, &bad})),
+            "frame 2 of a pack: selector is not valid UTF-8");
 
   // Decoded calls are checked against what the receiving end exports.
   const std::string policy = "setPolicy:withTimestamp:andCompletionHandler:";

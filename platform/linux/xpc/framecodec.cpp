@@ -143,17 +143,21 @@ std::optional<std::string> encodeFrame(const Frame& frame, std::string* error, s
   return bytes;
 }
 
-std::optional<Frame> decodeFrame(std::string_view bytes, std::string* error) {
-  if (bytes.size() > kMaxFrameBytes) {
-    *error = tooLarge(bytes.size(), kMaxFrameBytes);
-    return std::nullopt;
+namespace {
+
+void appendVarint(std::string& out, uint64_t value) {
+  while (value >= 0x80) {
+    out.push_back(static_cast<char>((value & 0x7f) | 0x80));
+    value >>= 7;
   }
-  wire::Frame in;
-  if (!in.ParseFromArray(bytes.data(), static_cast<int>(bytes.size()))) {
-    *error = "unparseable frame of " + std::to_string(bytes.size()) +
-             " bytes (truncated, or not a link frame)";
-    return std::nullopt;
-  }
+  out.push_back(static_cast<char>(value));
+}
+
+// Field tags of a length-delimited Frame.pack and Pack.frames.
+constexpr char kPackTag = (4 << 3) | 2;
+constexpr char kPackedFrameTag = (1 << 3) | 2;
+
+std::optional<Frame> fromWireFrame(const wire::Frame& in, size_t size, std::string* error) {
   switch (in.body_case()) {
     case wire::Frame::kCall: {
       const wire::Call& c = in.call();
@@ -176,10 +180,60 @@ std::optional<Frame> decodeFrame(std::string_view bytes, std::string* error) {
     }
     case wire::Frame::kReply:
       return Frame(ReplyFrame{in.reply().reply_id(), in.reply().value()});
+    case wire::Frame::kPack:
     case wire::Frame::BODY_NOT_SET: break;
   }
-  *error = "frame of " + std::to_string(bytes.size()) + " bytes is neither a call nor a reply";
+  *error = "frame of " + std::to_string(size) + " bytes is neither a call nor a reply";
   return std::nullopt;
+}
+
+}  // namespace
+
+std::string packFrames(const std::vector<const std::string*>& encoded) {
+  std::string body;
+  for (const std::string* frame : encoded) {
+    body.push_back(kPackedFrameTag);
+    appendVarint(body, frame->size());
+    body += *frame;
+  }
+  std::string out(1, kPackTag);
+  appendVarint(out, body.size());
+  return out + body;
+}
+
+std::optional<std::vector<Frame>> decodeMessage(std::string_view bytes, std::string* error) {
+  if (bytes.size() > kMaxFrameBytes) {
+    *error = tooLarge(bytes.size(), kMaxFrameBytes);
+    return std::nullopt;
+  }
+  wire::Frame in;
+  if (!in.ParseFromArray(bytes.data(), static_cast<int>(bytes.size()))) {
+    *error = "unparseable frame of " + std::to_string(bytes.size()) +
+             " bytes (truncated, or not a link frame)";
+    return std::nullopt;
+  }
+  std::vector<Frame> frames;
+  if (!in.has_pack()) {
+    std::optional<Frame> frame = fromWireFrame(in, bytes.size(), error);
+    if (!frame) return std::nullopt;
+    frames.push_back(std::move(*frame));
+    return frames;
+  }
+  const auto& packed = in.pack().frames();
+  if (packed.empty()) {
+    *error = "empty pack of " + std::to_string(bytes.size()) + " bytes";
+    return std::nullopt;
+  }
+  frames.reserve(packed.size());
+  for (int i = 0; i < packed.size(); ++i) {
+    std::optional<Frame> frame = fromWireFrame(packed[i], packed[i].ByteSizeLong(), error);
+    if (!frame) {
+      *error = "frame " + std::to_string(i + 1) + " of a pack: " + *error;
+      return std::nullopt;
+    }
+    frames.push_back(std::move(*frame));
+  }
+  return frames;
 }
 
 }  // namespace tarvex::itx::xpc::linux_platform

@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "xpc/linkframe.h"
 
@@ -19,10 +20,16 @@ constexpr int kMaxValueDepth = 32;
 std::optional<std::string> encodeFrame(const Frame& frame, std::string* error,
                                        size_t maxBytes = kMaxFrameBytes);
 
-// The frame in one socket message. Nullopt, with `error` naming the problem,
-// for a message that is oversized, unparseable (truncated, not a Frame),
-// neither a call nor a reply, or carries a value the link cannot hold (text
-// that is not UTF-8, a value of no kind, a repeated dictionary key, too deep).
-std::optional<Frame> decodeFrame(std::string_view bytes, std::string* error);
+// One socket message for several frames written together, in order, from
+// their encodings (encodeFrame's): a pack. It adds at most 11 bytes per
+// frame and 11 for the pack.
+std::string packFrames(const std::vector<const std::string*>& encoded);
+
+// The frames in one socket message: one frame, or a pack of them. Nullopt,
+// with `error` naming the problem, for a message that is oversized,
+// unparseable (truncated, not a Frame), neither a call nor a reply nor a
+// pack of them, or carries a value the link cannot hold (text that is not
+// UTF-8, a value of no kind, a repeated dictionary key, too deep).
+std::optional<std::vector<Frame>> decodeMessage(std::string_view bytes, std::string* error);
 
 }  // namespace tarvex::itx::xpc::linux_platform

@@ -24,9 +24,12 @@ namespace tarvex::itx::xpc::linux_platform {
 
 namespace {
 
-// Frames read per wake-up before queued writes get their turn.
+// Messages read per wake-up before queued writes get their turn.
 constexpr int kFramesPerWake = 64;
 constexpr size_t kFramesPerSend = 64;
+// Frames queued together go in one message up to this many bytes: the
+// peer is woken and reads once for all of them.
+constexpr size_t kPackBytes = 32 * 1024;
 
 struct ThreadCount {
   std::mutex mutex;
@@ -294,16 +297,22 @@ std::optional<LinkChannel::End> LinkChannel::readFrames(std::string* why) {
              std::to_string(kMaxFrameBytes) + "-byte limit";
       return End::Failed;
     }
-    std::optional<Frame> frame = decodeFrame({buffer_.get(), static_cast<size_t>(n)}, why);
-    if (!frame) return End::Failed;
-    if (std::optional<End> end = handle(std::move(*frame), why)) return end;
+    std::optional<std::vector<Frame>> frames =
+        decodeMessage({buffer_.get(), static_cast<size_t>(n)}, why);
+    if (!frames) return End::Failed;
+    for (Frame& frame : *frames) {
+      if (std::optional<End> end = handle(std::move(frame), why)) return end;
+    }
   }
   return std::nullopt;
 }
 
 std::optional<LinkChannel::End> LinkChannel::writeFrames(std::string* why) {
+  // Off once a pack did not fit the socket's buffers: frames go one by one.
+  bool pack = true;
   for (;;) {
-    // Up to kFramesPerSend frames go in one system call.
+    // Up to kFramesPerSend frames go in one system call, packed into as few
+    // messages as kPackBytes allows.
     std::vector<Outgoing> batch;
     size_t dropped = 0;
     {
@@ -323,17 +332,43 @@ std::optional<LinkChannel::End> LinkChannel::writeFrames(std::string* why) {
       }
       return std::nullopt;
     }
+    // Messages as runs of frames: [first, end) of the batch each.
+    struct Run {
+      size_t first;
+      size_t end;
+      std::string packed;  // the pack, for a run of more than one
+    };
+    std::vector<Run> runs;
+    size_t runBytes = 0;
+    for (size_t i = 0; i < batch.size(); ++i) {
+      const size_t bytes = batch[i].bytes.size();
+      if (runs.empty() || !pack || runBytes + bytes > kPackBytes) {
+        runs.push_back({i, i + 1, {}});
+        runBytes = bytes;
+      } else {
+        runs.back().end = i + 1;
+        runBytes += bytes;
+      }
+    }
     iovec parts[kFramesPerSend];
     mmsghdr messages[kFramesPerSend] = {};
-    for (size_t i = 0; i < batch.size(); ++i) {
-      parts[i] = {batch[i].bytes.data(), batch[i].bytes.size()};
-      messages[i].msg_hdr.msg_iov = &parts[i];
-      messages[i].msg_hdr.msg_iovlen = 1;
+    for (size_t m = 0; m < runs.size(); ++m) {
+      Run& run = runs[m];
+      if (run.end - run.first == 1) {
+        parts[m] = {batch[run.first].bytes.data(), batch[run.first].bytes.size()};
+      } else {
+        std::vector<const std::string*> frames;
+        for (size_t i = run.first; i < run.end; ++i) frames.push_back(&batch[i].bytes);
+        run.packed = packFrames(frames);
+        parts[m] = {run.packed.data(), run.packed.size()};
+      }
+      messages[m].msg_hdr.msg_iov = &parts[m];
+      messages[m].msg_hdr.msg_iovlen = 1;
     }
-    const int sent = sendmmsg(fd_, messages, static_cast<unsigned>(batch.size()), MSG_NOSIGNAL);
+    const int sent = sendmmsg(fd_, messages, static_cast<unsigned>(runs.size()), MSG_NOSIGNAL);
     const int err = errno;
     // What was not sent goes back to the front, in order.
-    const size_t done = sent > 0 ? static_cast<size_t>(sent) : 0;
+    const size_t done = sent > 0 ? runs[static_cast<size_t>(sent) - 1].end : 0;
     auto unsent = [&](size_t from) {
       std::lock_guard lock(mutex_);
       for (size_t i = batch.size(); i-- > from;) outbox_.push_front(std::move(batch[i]));
@@ -341,6 +376,11 @@ std::optional<LinkChannel::End> LinkChannel::writeFrames(std::string* why) {
     if (done == batch.size()) continue;
     if (done > 0) {
       unsent(done);  // tried again: an error shows on the first of them
+      continue;
+    }
+    if (err == EMSGSIZE && runs.front().end - runs.front().first > 1) {
+      pack = false;  // the socket's buffers are small: try the frames alone
+      unsent(0);
       continue;
     }
     Outgoing& out = batch.front();
