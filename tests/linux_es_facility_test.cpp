@@ -4,8 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <memory>
+#include <string>
 #include <thread>
 #include <tuple>
 #include <vector>
@@ -172,10 +174,56 @@ TEST_F(Facility, SourcesAndDeliveriesFollowTheSubscriptions) {
   hub.deliver(message(ES_EVENT_TYPE_AUTH_EXEC, proc(14, "/bin/sh"), into(answers)));
   EXPECT_EQ(order, (std::vector<std::string>{"connects", "connects", "files"}));
 
+  // A move the client still holds is released before the next AUTH reaches
+  // it, or that AUTH waits out the hub's patience and goes ahead.
+  Seen moves;
+  client(moves, {ES_EVENT_TYPE_NOTIFY_RENAME, ES_EVENT_TYPE_AUTH_EXEC});
+  hub.deliver(message(ES_EVENT_TYPE_NOTIFY_RENAME, proc(15, "/usr/sbin/cupsd")));
+  ASSERT_EQ(moves.size(), 1u);
+  std::atomic<bool> released{false};
+  std::thread notifyWorker([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    released = true;
+    hub.releaseMessage(moves[0]);
+  });
+  hub.deliver(message(ES_EVENT_TYPE_AUTH_EXEC, proc(16, "/usr/lib/cups/filter/pstops"),
+                      into(answers)));
+  EXPECT_TRUE(released) << "the filter was asked about before the move was handled";
+  notifyWorker.join();
+  moves.erase(moves.begin());
+  hub.deliver(message(ES_EVENT_TYPE_NOTIFY_RENAME, proc(15, "/usr/sbin/cupsd")));
+  hub.deliver(message(ES_EVENT_TYPE_AUTH_EXEC, proc(17, "/bin/sh"), into(answers)));
+  EXPECT_EQ(moves.size(), 3u);
+  EXPECT_EQ(hub.counters().authAheadOfMoves.load(), 1u);
+  release(moves);
+
   release(b);
   release(c);
   hub.shutdown();
   EXPECT_TRUE(source->stopped);
+}
+
+TEST(HeldMoves, AnAuthWaitsForTheMovesBeforeItUntilItsPatienceRunsOut) {
+  HeldMoves moves(std::chrono::seconds(10));
+  moves.held(1);
+  moves.held(2);
+  moves.held(5);
+  std::atomic<bool> through{false};
+  std::thread auth([&] {
+    EXPECT_TRUE(moves.waitFor(3));
+    through = true;
+  });
+  moves.released(1);
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_FALSE(through);
+  moves.released(2);  // 5 came after it: not waited for
+  auth.join();
+
+  HeldMoves impatient(std::chrono::milliseconds(10));
+  impatient.held(7);
+  EXPECT_FALSE(impatient.waitFor(7));
+  EXPECT_TRUE(impatient.waitFor(8)) << "a move given up on is waited for again";
+  impatient.released(7);
 }
 
 TEST_F(Facility, MutesByPathLiteralPrefixAndToken) {

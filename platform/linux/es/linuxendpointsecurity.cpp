@@ -3,6 +3,7 @@
 #include <time.h>
 
 #include <algorithm>
+#include <chrono>
 
 #include "log/log.h"
 
@@ -15,6 +16,8 @@ using tarvex::itx::rtn::QosClass;
 namespace {
 
 constexpr const char* kFailsafeQueueLabel = "com.tarvex.lumo.es-facility_failsafe";
+// How long an AUTH waits for the clients to release the moves before it.
+constexpr std::chrono::milliseconds kMovePatience{100};
 // ES access flags of an open, as the ES API passes them.
 constexpr uint32_t kFRead = 0x1;
 constexpr uint32_t kFWrite = 0x2;
@@ -49,7 +52,8 @@ LinuxEndpointSecurity::LinuxEndpointSecurity(tarvex::itx::rtn::IClock& clock,
       failsafeQueue_(dispatch.createConcurrentQueue(kFailsafeQueueLabel,
                                                     QosClass::UserInteractive)),
       reader_(std::move(procRoot)),
-      cache_(reader_) {}
+      cache_(reader_),
+      moves_(kMovePatience) {}
 
 LinuxEndpointSecurity::~LinuxEndpointSecurity() { shutdown(); }
 
@@ -199,7 +203,16 @@ void LinuxEndpointSecurity::deliver(Message* message) {
   const bool auth = es.action_type == ES_ACTION_TYPE_AUTH;
   // Notifications of what happened before an exec or open reach the
   // clients before they are asked about it, as they would from the kernel.
-  if (auth) catchUp();
+  if (auth) {
+    catchUp();
+    if (!moves_.waitFor(seq_.load())) {
+      const uint64_t n = counters_.authAheadOfMoves.fetch_add(1) + 1;
+      if ((n & (n - 1)) == 0) {  // 1, 2, 4, 8...: a stuck client does not flood the log
+        LOG_WARN("A client held moves for over %d ms; an AUTH went ahead of them (%llu times).",
+                 static_cast<int>(kMovePatience.count()), static_cast<unsigned long long>(n));
+      }
+    }
+  }
   if (auth && !message->verdict) message->verdict = std::make_shared<AuthVerdict>(nullptr);
   es.seq_num = es.global_seq_num = seq_.fetch_add(1) + 1;
   es.mach_time = clock_.now();
@@ -229,6 +242,9 @@ void LinuxEndpointSecurity::deliver(Message* message) {
     message->pendingAnswers.store(static_cast<int>(targets.size()));
     message->targets = targets;
     scheduleFailsafe(*message);
+  } else if (es.event_type == ES_EVENT_TYPE_NOTIFY_RENAME) {
+    moves_.held(es.seq_num);
+    message->heldMove = true;
   }
   for (ClientState* client : targets) {
     client->handler(reinterpret_cast<es_client_t*>(client), &es);
@@ -313,6 +329,7 @@ void LinuxEndpointSecurity::releaseMessage(const es_message_t* message) {
     LOG_ERROR("AUTH event %d was released without an answer from every client; allowed.",
               static_cast<int>(message->event_type));
   }
+  if (owned->heldMove) moves_.released(message->seq_num);
   delete owned;
 }
 

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "es/eventsource.h"
+#include "es/heldmoves.h"
 #include "es/message.h"
 #include "es/procinfo.h"
 #include "esclient/esapi.h"
@@ -37,6 +38,7 @@ struct FacilityCounters {
   std::atomic<uint64_t> authDenied{0};
   std::atomic<uint64_t> authFailsafe{0};            // allowed at the deadline
   std::atomic<uint64_t> authReleasedUnanswered{0};  // allowed at the last release
+  std::atomic<uint64_t> authAheadOfMoves{0};  // a client held earlier moves too long
 };
 
 // The Linux Endpoint Security facility: the hub between the kernel event
@@ -122,6 +124,7 @@ class LinuxEndpointSecurity final : public IEndpointSecurityApi, public IEventSi
   ProcessCache cache_;
   FacilityCounters counters_;
   std::atomic<uint64_t> seq_{0};
+  HeldMoves moves_;
 
   // Shared while a message is handed out, exclusive to add or delete a
   // client, so a deleted client's handler is never called afterwards.

@@ -132,6 +132,9 @@ class Message {
     return index < argTokens_.size() ? argTokens_[index] : es_string_token_t{0, nullptr};
   }
 
+  // A move the hub waits for clients to release before the next AUTH.
+  bool heldMove = false;
+
   // AUTH bookkeeping, set by the source (respond, budget) and the hub.
   std::shared_ptr<AuthVerdict> verdict;
   uint64_t budgetNanos = 0;
