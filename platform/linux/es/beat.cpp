@@ -1,5 +1,6 @@
 #include "es/beat.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 
@@ -25,9 +26,17 @@ timespec timespecOf(int64_t nanos) {
 
 }  // namespace
 
-timespec untilNextBeat() {
+int epollUntilNextBeat(int epollFd, epoll_event* ready) {
+  static std::atomic<bool> noPwait2{false};
   const int64_t now = nowNanos();
-  return timespecOf(nextBeat(now) - now);
+  const int64_t left = nextBeat(now) - now;
+  if (!noPwait2.load(std::memory_order_relaxed)) {
+    const timespec timeout = timespecOf(left);
+    const int n = epoll_pwait2(epollFd, ready, 1, &timeout, nullptr);
+    if (n >= 0 || errno != ENOSYS) return n;
+    noPwait2.store(true, std::memory_order_relaxed);
+  }
+  return epoll_wait(epollFd, ready, 1, static_cast<int>((left + 999'999) / 1'000'000));
 }
 
 void sleepUntilNextBeat() {

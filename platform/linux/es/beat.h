@@ -1,5 +1,6 @@
 #pragma once
 
+#include <sys/epoll.h>
 #include <time.h>
 
 #include <chrono>
@@ -12,9 +13,10 @@ namespace endpointsecurity::linux_es {
 // chain once per source.
 constexpr std::chrono::milliseconds kBeat{25};
 
-// Time left until the next beat, for epoll_pwait2.
-timespec untilNextBeat();
 // Sleeps until the next beat.
 void sleepUntilNextBeat();
+// Waits on an epoll set until the next beat or until it has something, as
+// epoll_wait does (kernels before 5.11 get the beat to the millisecond).
+int epollUntilNextBeat(int epollFd, epoll_event* ready);
 
 }  // namespace endpointsecurity::linux_es

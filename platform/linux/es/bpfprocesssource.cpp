@@ -196,8 +196,7 @@ void BpfProcessSource::run() {
   const int epollFd = ring_buffer__epoll_fd(ring_);
   while (!stopping_.load()) {
     epoll_event ready{};
-    const timespec timeout = untilNextBeat();
-    if (epoll_pwait2(epollFd, &ready, 1, &timeout, nullptr) < 0 && errno != EINTR) {
+    if (epollUntilNextBeat(epollFd, &ready) < 0 && errno != EINTR) {
       LOG_ERROR("Waiting on the process ring buffer failed: %{public}s", strerror(errno));
       std::this_thread::sleep_for(std::chrono::milliseconds(200));
     }

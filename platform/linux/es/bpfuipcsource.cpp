@@ -180,8 +180,7 @@ void BpfUipcSource::run() {
   const int epollFd = ring_buffer__epoll_fd(ring_);
   while (!stopping_.load()) {
     epoll_event ready{};
-    const timespec timeout = untilNextBeat();
-    int n = epoll_pwait2(epollFd, &ready, 1, &timeout, nullptr) < 0 && errno != EINTR ? -errno : 0;
+    int n = epollUntilNextBeat(epollFd, &ready) < 0 && errno != EINTR ? -errno : 0;
     if (n == 0) n = drain();
     if (n < 0 && n != -EINTR) std::this_thread::sleep_for(std::chrono::milliseconds(200));
     const auto now = std::chrono::steady_clock::now();
