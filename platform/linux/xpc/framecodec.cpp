@@ -3,6 +3,8 @@
 #include <unordered_set>
 #include <utility>
 
+#include <google/protobuf/arena.h>
+
 #include "daemonlink.pb.h"
 #include "xpc/utf8.h"
 
@@ -120,7 +122,10 @@ std::string tooLarge(size_t size, size_t limit) {
 }  // namespace
 
 std::optional<std::string> encodeFrame(const Frame& frame, std::string* error, size_t maxBytes) {
-  wire::Frame out;
+  // On an arena: a record is dozens of small messages, which malloc would
+  // hand out and take back one by one.
+  google::protobuf::Arena arena;
+  wire::Frame& out = *google::protobuf::Arena::CreateMessage<wire::Frame>(&arena);
   if (const CallFrame* call = std::get_if<CallFrame>(&frame)) {
     wire::Call* c = out.mutable_call();
     c->set_selector(call->selector);
@@ -206,7 +211,8 @@ std::optional<std::vector<Frame>> decodeMessage(std::string_view bytes, std::str
     *error = tooLarge(bytes.size(), kMaxFrameBytes);
     return std::nullopt;
   }
-  wire::Frame in;
+  google::protobuf::Arena arena;
+  wire::Frame& in = *google::protobuf::Arena::CreateMessage<wire::Frame>(&arena);
   if (!in.ParseFromArray(bytes.data(), static_cast<int>(bytes.size()))) {
     *error = "unparseable frame of " + std::to_string(bytes.size()) +
              " bytes (truncated, or not a link frame)";
