@@ -68,7 +68,8 @@ void RefDaemon::accept(std::shared_ptr<DaemonConnection> connection) {
           self->out_(JsonLine().text("error", description).number("peer_pid", pid).str());
         }
       });
-  connection->setExportedObject(peer.get());
+  // Held per call: disconnectAll() may drop the peer while one runs.
+  connection->setExportedObject(std::weak_ptr<ProtectionDaemonXPCInterface>(peer));
   uint64_t id;
   {
     std::lock_guard lock(mutex_);

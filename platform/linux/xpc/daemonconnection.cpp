@@ -38,6 +38,15 @@ void DaemonConnection::setExportedObject(ProtectionDaemonXPCInterface* exported)
   });
 }
 
+void DaemonConnection::setExportedObject(std::weak_ptr<ProtectionDaemonXPCInterface> exported) {
+  channel_->setInbound([exported = std::move(exported)](const CallFrame& call,
+                                                        const ReplyBlock& reply) {
+    if (std::shared_ptr<ProtectionDaemonXPCInterface> object = exported.lock()) {
+      dispatchCall(call, *object, reply);
+    }
+  });
+}
+
 void DaemonConnection::setInterruptionHandler(std::function<void()> handler) {
   channel_->setInterruptionHandler(std::move(handler));
 }

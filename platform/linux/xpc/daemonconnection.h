@@ -23,7 +23,11 @@ class DaemonConnection {
   DaemonConnection(const DaemonConnection&) = delete;
   DaemonConnection& operator=(const DaemonConnection&) = delete;
 
+  // The object must outlive the connection's calls to it.
   void setExportedObject(ProtectionDaemonXPCInterface* exported);
+  // Held for each call: an object that owns its connection may go while a
+  // call to it runs, and goes when that call returns.
+  void setExportedObject(std::weak_ptr<ProtectionDaemonXPCInterface> exported);
   void setInterruptionHandler(std::function<void()> handler);
   void setInvalidationHandler(std::function<void()> handler);
   void resume();
