@@ -9,12 +9,15 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/fanotify.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <set>
 #include <tuple>
 #include <vector>
 
@@ -26,6 +29,9 @@
 #include "es/mounts.h"
 #include "es/processrecord.h"
 #include "es/procinfo.h"
+#include "es/socketmatch.h"
+#include "text/byteescape.h"
+#include "xpc/utf8.h"
 
 namespace endpointsecurity::linux_es {
 namespace {
@@ -471,5 +477,61 @@ TEST(LinuxExecFormat, ScriptsLoadersAndUnknownFormatsNeedAnInterpreterAndCrafted
   EXPECT_EQ(formatOf(elf("").substr(0, 40), loader), kInterp);
   fs::remove_all(dir);
 }
+
+TEST(LinuxNames, BytesThatAreNotUtf8GoEscapedAndComeBackExactlyWithoutCollisions) {
+  using namespace tarvex::itx::rtn::linux_platform;
+  // Valid names, even with a backslash that starts no escape, go as they are.
+  for (const std::string plain : {"/usb/report é.pdf", "a\\.b", "printf %s\\n", "a\\x4", "\\", ""}) {
+    EXPECT_FALSE(needsEscape(plain)) << plain;
+  }
+  // Invalid bytes (stray, truncated, surrogate, overlong), and valid names
+  // that read like an escape, go escaped; each comes back as it was, and no
+  // two meet.
+  std::set<std::string> seen;
+  for (const std::string name : {"ev\xffil", "ev\\xffil", "ev\\\\xffil", "\x80", "\xc3(",
+                                 "\xed\xa0\x80", "tail\xe2\x82", "\xf8\x88\x80\x80\x80", "\\\xff"}) {
+    ASSERT_TRUE(needsEscape(name)) << name;
+    const std::string out = escapeBytes(name);
+    EXPECT_TRUE(tarvex::itx::xpc::isValidUtf8(out)) << out;
+    EXPECT_EQ(unescapeBytes(out), name);
+    EXPECT_TRUE(seen.insert(out).second) << out;
+  }
+  EXPECT_EQ(escapeBytes("ev\xffil"), "ev\\xffil");
+  EXPECT_EQ(escapeBytes("ev\\xffil"), "ev\\\\xffil");
+}
+
+TEST(LinuxSockets, AConnectIsMatchedToTheSchedulerSocketByWhatItReachesNotItsSpelling) {
+  const fs::path dir = fs::temp_directory_path() / ("lumo-sock-" + std::to_string(getpid()));
+  fs::create_directories(dir / "real");
+  auto bindAt = [](const fs::path& path) {
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0) << path;
+    return fd;
+  };
+  const std::string known = (dir / "real/cups.sock").string();
+  const int a = bindAt(known);
+  const int b = bindAt(dir / "other.sock");
+  fs::create_directory_symlink(dir / "real", dir / "link");
+  const pid_t self = getpid();
+  EXPECT_EQ(matchKnownSocket(self, (dir / "link/cups.sock").string(), known), known);
+  EXPECT_EQ(matchKnownSocket(self, (dir / "real/../real/cups.sock").string(), known), known);
+  const fs::path cwd = fs::current_path();
+  fs::current_path(dir);
+  EXPECT_EQ(matchKnownSocket(self, "link/cups.sock", known), known);
+  fs::current_path(cwd);
+  // Another socket, however alike its name, and what does not resolve,
+  // stay as they were given.
+  for (const std::string& other : {(dir / "other.sock").string(), std::string("@cups.sock"),
+                                  (dir / "gone/cups.sock").string()}) {
+    EXPECT_EQ(matchKnownSocket(self, other, known), other);
+  }
+  close(a);
+  close(b);
+  fs::remove_all(dir);
+}
+
 }  // namespace
 }  // namespace endpointsecurity::linux_es

@@ -112,11 +112,14 @@ TEST_F(RefDaemonLink, PushesConfigurationAndCommandsToEveryExtensionAndPrintsEve
       Dictionary{{{"filename", Value("/tmp/\"d\"\n\x01é")},
                   {"pid", Value(Number::ofUnsignedInt(77))},
                   {"size", Value(Number::ofLongLong(-7))},
-                  {"nested", Value(Array{{Value(), Value(Number::ofBool(true))}})}}});
+                  {"nested", Value(Array{{Value(), Value(Number::ofBool(true))}})},
+                  {"path", Value("/u/ev\\xffil")}}});
   ASSERT_TRUE(first.waitFor("setPrinter '/tmp/\"d\"\n\x01é' YES"));
   EXPECT_EQ(output_.count("{\"event\":\"handlePrinterEvent:\",\"filename\":\"/tmp/\\\"d\\\"\\n"
                           "\\u0001é\",\"pid\":{\"uint\":77},\"size\":{\"longlong\":-7},"
-                          "\"nested\":[null,{\"bool\":true}]}"),
+                          "\"nested\":[null,{\"bool\":true}],"
+                          // A name the extension escaped: its bytes beside it.
+                          "\"path\":\"/u/ev\\\\xffil\",\"path_bytes\":\"2f752f6576ff696c\"}"),
             1u);
 
   // An extension that goes is forgotten.

@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+#include "text/byteescape.h"
+
 namespace lumo::refdaemon {
 
 using tarvex::itx::xpc::Array;
@@ -10,6 +12,7 @@ using tarvex::itx::xpc::Dictionary;
 using tarvex::itx::xpc::Number;
 using tarvex::itx::xpc::NumberKind;
 using tarvex::itx::xpc::Value;
+using tarvex::itx::rtn::linux_platform::unescapeBytes;
 
 std::string jsonString(std::string_view text) {
   std::string out = "\"";
@@ -34,6 +37,17 @@ std::string jsonString(std::string_view text) {
 }
 
 namespace {
+
+std::string hexBytes(std::string_view bytes) {
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string out;
+  out.reserve(bytes.size() * 2);
+  for (const char c : bytes) {
+    out += kHex[static_cast<unsigned char>(c) >> 4];
+    out += kHex[static_cast<unsigned char>(c) & 0xF];
+  }
+  return out;
+}
 
 std::string jsonNumber(const Number& n) {
   switch (n.kind) {
@@ -84,7 +98,15 @@ JsonLine& JsonLine::flag(std::string_view key, bool value) {
 }
 
 JsonLine& JsonLine::entries(const Dictionary& dictionary) {
-  for (const DictEntry& e : dictionary.entries) raw(e.key, jsonValue(e.value));
+  for (const DictEntry& e : dictionary.entries) {
+    raw(e.key, jsonValue(e.value));
+    // A name the extension had to escape: its original bytes beside it.
+    const std::string* s = e.value.string();
+    if (s != nullptr && s->find('\\') != std::string::npos) {
+      const std::string original = unescapeBytes(*s);
+      if (original != *s) text(e.key + "_bytes", hexBytes(original));
+    }
+  }
   return *this;
 }
 

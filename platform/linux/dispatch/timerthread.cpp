@@ -12,6 +12,7 @@
 
 #include "dispatch/threadname.h"
 #include "dispatch/threadpriority.h"
+#include "watchdog/heartbeat.h"
 
 namespace tarvex::itx::rtn::linux_platform {
 
@@ -50,6 +51,8 @@ struct TimerThread::Book {
   // AUTH timers that follow to need no setting. Under mutex.
   void armLocked(uint64_t cancelled = 0) {
     uint64_t when = pending.empty() ? 0 : pending.begin()->first.when;
+    // The stall watchdog tells a stuck timer thread by a timer overdue.
+    heartbeat().timerDue.store(when == 0 ? 0 : clock.ticksToNanos(when), std::memory_order_relaxed);
     if (when == armed) return;
     const uint64_t now = clock.now();
     if (armed != 0 && (when == 0 || armed <= when)) {

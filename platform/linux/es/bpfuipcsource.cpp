@@ -20,7 +20,9 @@
 #include "es/message.h"
 #include "es/mounts.h"
 #include "es/procinfo.h"
+#include "es/socketmatch.h"
 #include "log/log.h"
+#include "observers/cupspaths.h"
 #include "uipc.skel.h"
 
 LUMO_LOG_MODULE("LINUX_ES")
@@ -147,7 +149,10 @@ bool BpfUipcSource::handle(const void* data, size_t size) {
   }
   message->es.process = message->addProcess(known);
   es_event_uipc_connect_t& connect = message->es.event.uipc_connect;
-  connect.file = message->addFile(socketPath(record.path, record.path_len), nullptr);
+  // The printer observer knows the scheduler's socket by its usual path.
+  connect.file = message->addFile(
+      matchKnownSocket(pid, socketPath(record.path, record.path_len), cupsPaths().socket),
+      nullptr);
   connect.domain = AF_UNIX;
   connect.type = static_cast<int>(record.type);
   connect.protocol = 0;
@@ -166,9 +171,9 @@ void BpfUipcSource::reportDrops() {
   }
   uint64_t total = 0;
   for (uint64_t v : perCpu) total += v;
-  if (total > reportedDrops_) {
+  if (total > reportedDrops_.load()) {
     LOG_ERROR("Local-socket ring buffer overran: %llu events lost (%llu in all).",
-              static_cast<unsigned long long>(total - reportedDrops_),
+              static_cast<unsigned long long>(total - reportedDrops_.load()),
               static_cast<unsigned long long>(total));
     reportedDrops_ = total;
   }

@@ -22,6 +22,7 @@ class BpfUipcSource final : public IEventSource {
   static std::unique_ptr<BpfUipcSource> open(IEventSink& sink, std::string* why);
   ~BpfUipcSource() override;
 
+  uint64_t dropped() const { return reportedDrops_.load(); }
   const char* name() const override { return "bpf-uipc"; }
   EventSet types() const override;
   bool apply(const EventSet& wanted) override;
@@ -48,7 +49,7 @@ class BpfUipcSource final : public IEventSource {
   bpf_link* link_ = nullptr;
   std::thread thread_;
   std::atomic<bool> stopping_{false};
-  uint64_t reportedDrops_ = 0;
+  std::atomic<uint64_t> reportedDrops_{0};
 };
 
 }  // namespace endpointsecurity::linux_es

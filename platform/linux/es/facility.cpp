@@ -1,6 +1,7 @@
 // The kernel-backed facility of the real extension binary: the hub and the
 // event sources this machine's kernel allows, probed once at start.
 #include <cstdlib>
+#include <functional>
 #include <cstring>
 #include <string>
 
@@ -14,7 +15,11 @@
 #include "es/linuxendpointsecurity.h"
 #include "es/procconnectorsource.h"
 #include "log/log.h"
+#include "metrics/counters.h"
+#include "metrics/countersummary.h"
 #include "setup/facility.h"
+#include "text/byteescape.h"
+#include "watchdog/heartbeat.h"
 
 LUMO_LOG_MODULE("LINUX_ES")
 
@@ -34,13 +39,24 @@ std::string pinnedTier(const char* variable) {
   return value != nullptr ? value : "";
 }
 
-void addProcessTier(LinuxEndpointSecurity& hub) {
+using endpointsecurity::linux_es::FanotifyAuthSource;
+using endpointsecurity::linux_es::FanotifyFileSource;
+
+// The sources whose counts go beyond the hub's; null where not loaded.
+struct CountingSources {
+  const FanotifyFileSource* files = nullptr;
+  std::function<uint64_t()> processDrops;
+  std::function<uint64_t()> uipcDrops;
+};
+
+void addProcessTier(LinuxEndpointSecurity& hub, CountingSources& counting) {
   const std::string pinned = pinnedTier("LUMO_PROCESS_TIER");
   std::string why = "not built with BPF";
 #ifdef LUMO_HAVE_BPF
   if (pinned != "connector") {
     if (auto source = BpfProcessSource::open(hub, &why)) {
       LOG_INFO("Process events: BPF tier (tp_btf exec, fork, exit with ring buffer).");
+      counting.processDrops = [s = source.get()] { return s->dropped(); };
       hub.addSource(std::move(source));
       return;
     }
@@ -50,6 +66,7 @@ void addProcessTier(LinuxEndpointSecurity& hub) {
 #endif
   if (auto source = ProcConnectorSource::open(hub, &why)) {
     LOG_INFO("Process events: netlink process connector tier (fallback; enrichment from /proc).");
+    counting.processDrops = [s = source.get()] { return s->overruns(); };
     hub.addSource(std::move(source));
     return;
   }
@@ -71,11 +88,12 @@ void probeLsmTier() {
 #endif
 }
 
-void addUipcTier(LinuxEndpointSecurity& hub) {
+void addUipcTier(LinuxEndpointSecurity& hub, CountingSources& counting) {
 #ifdef LUMO_HAVE_BPF
   std::string why;
   if (auto source = endpointsecurity::linux_es::BpfUipcSource::open(hub, &why)) {
     LOG_INFO("Local-socket connects: BPF cgroup/connect_unix on the cgroup2 root.");
+    counting.uipcDrops = [s = source.get()] { return s->dropped(); };
     hub.addSource(std::move(source));
     return;
   }
@@ -83,8 +101,61 @@ void addUipcTier(LinuxEndpointSecurity& hub) {
            why.c_str());
 #else
   (void)hub;
+  (void)counting;
   LOG_WARN("Local-socket connects unavailable (not built with BPF).");
 #endif
+}
+
+void registerFacilityCounters(const LinuxEndpointSecurity& hub, CountingSources counting) {
+  // The hub and its sources live as long as the process.
+  static CounterRegistration registration = registerCounters([&hub, counting](auto& out) {
+    const auto& c = hub.counters();
+    auto add = [&out](const char* name, const char* help, const char* labels, uint64_t value) {
+      out.push_back({name, help, labels, value});
+    };
+    add("lumo_es_events_delivered_total", "Events handed to the clients.", "", c.delivered.load());
+    add("lumo_es_events_unwanted_total", "Events no client subscribed to or all had muted.", "",
+        c.unwanted.load());
+    const char* answers = "AUTH answers given to the kernel, by how they came.";
+    add("lumo_es_auth_answers_total", answers, "answer=\"allow\"", c.authAllowed.load());
+    add("lumo_es_auth_answers_total", answers, "answer=\"deny\"", c.authDenied.load());
+    add("lumo_es_auth_answers_total", answers, "answer=\"failsafe\"", c.authFailsafe.load());
+    add("lumo_es_auth_answers_total", answers, "answer=\"unanswered\"",
+        c.authReleasedUnanswered.load());
+    add("lumo_es_auth_ahead_of_moves_total",
+        "AUTH messages that went ahead of moves a client held too long.", "",
+        c.authAheadOfMoves.load());
+    if (counting.files != nullptr) {
+      const auto& f = counting.files->counters();
+      add("lumo_es_file_overflows_total", "File event queue overflows (events lost).", "",
+          f.overflows.load());
+      add("lumo_es_file_malformed_total", "File event records dropped as malformed.", "",
+          f.malformed.load());
+      add("lumo_es_file_unresolved_total", "File events whose directory no longer resolved.", "",
+          f.unresolved.load());
+    }
+    if (counting.processDrops) {
+      add("lumo_es_process_lost_total", "Process events lost to ring or connector overruns.", "",
+          counting.processDrops());
+    }
+    if (counting.uipcDrops) {
+      add("lumo_es_uipc_lost_total", "Local-socket connects lost to ring overruns.", "",
+          counting.uipcDrops());
+    }
+    add("lumo_es_names_escaped_total", "Names and arguments escaped for not being UTF-8.", "",
+        escapedStrings());
+    const HeartbeatPage& page = heartbeat();
+    add("lumo_es_stall_releases_total",
+        "Times the stall watchdog released a stalled permission path.", "",
+        page.releases.load());
+    const char* allowed = "Permission events the stall watchdog allowed.";
+    add("lumo_es_stall_allowed_total", allowed, "state=\"unseen\"", page.allowedUnseen.load());
+    add("lumo_es_stall_allowed_total", allowed, "state=\"delivered\"",
+        page.allowedPending.load());
+    add("lumo_es_stall_late_answers_total",
+        "Answers that came after the stall watchdog had allowed their event.", "",
+        FanotifyAuthSource::lateAnswers());
+  });
 }
 
 }  // namespace
@@ -92,14 +163,19 @@ void addUipcTier(LinuxEndpointSecurity& hub) {
 endpointsecurity::IEndpointSecurityApi* makeEndpointSecurity(IClock& clock, IDispatch& dispatch) {
   // Lives as long as the process: the sources' threads call into it.
   auto* hub = new LinuxEndpointSecurity(clock, dispatch);
-  addProcessTier(*hub);
+  CountingSources counting;
+  addProcessTier(*hub, counting);
   // Before the files: a catch-up delivers a job's submitter (its connect)
   // before the spooler's data file.
-  addUipcTier(*hub);
+  addUipcTier(*hub, counting);
   // Opened on the first file subscription; it logs then what it could mark.
-  hub->addSource(std::make_unique<endpointsecurity::linux_es::FanotifyFileSource>(*hub));
-  hub->addSource(std::make_unique<endpointsecurity::linux_es::FanotifyAuthSource>(*hub));
+  auto files = std::make_unique<FanotifyFileSource>(*hub);
+  counting.files = files.get();
+  hub->addSource(std::move(files));
+  hub->addSource(std::make_unique<FanotifyAuthSource>(*hub));
   probeLsmTier();
+  registerFacilityCounters(*hub, std::move(counting));
+  startCounterSummary(clock, dispatch);
   return hub;
 }
 

@@ -41,6 +41,9 @@ class FanotifyAuthSource final : public IEventSource {
   bool apply(const EventSet& wanted) override;
   void stop() override;
 
+  // Answers that came after the stall watchdog had allowed their event.
+  static uint64_t lateAnswers();
+
  private:
   void closeGroup();
   void markMounts(const std::string& mountInfo);
@@ -54,9 +57,12 @@ class FanotifyAuthSource final : public IEventSource {
   // An exec open that was not the image: the native loader gets its ignore
   // mark.
   void sawInterpreter(int eventFd, const std::string& path);
+  // After the stall watchdog released the group: marks it again.
+  void recover();
 
   LinuxEndpointSecurity& hub_;
   const pid_t self_;
+  const pid_t watchdog_;
   const std::string loaderName_;  // the native ELF loader, as binaries name it
   std::string loader_;            // and resolved; empty once marking it failed
   bool loaderIgnored_ = false;
@@ -70,6 +76,11 @@ class FanotifyAuthSource final : public IEventSource {
   std::set<dev_t> devices_;
   std::thread thread_;
   std::atomic<bool> stopping_{false};
+  // Stall releases: recoveries acted on, and the counts already logged
+  // (reader thread only).
+  uint64_t seenRecoveries_ = 0;
+  uint64_t reportedUnseen_ = 0;
+  uint64_t reportedPending_ = 0;
 };
 
 }  // namespace endpointsecurity::linux_es

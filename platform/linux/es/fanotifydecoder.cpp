@@ -110,7 +110,7 @@ void FanotifyDecoder::handle(const char* buffer, size_t length) {
     if (metadata.mask & FAN_Q_OVERFLOW) {
       ++counters_.overflows;
       LOG_ERROR("fanotify queue overflowed: file events were lost (%llu overflows in all).",
-                static_cast<unsigned long long>(counters_.overflows));
+                static_cast<unsigned long long>(counters_.overflows.load()));
     } else if (metadata.pid != self_) {
       Record record;
       if (parse(metadata, buffer + offset, record)) {

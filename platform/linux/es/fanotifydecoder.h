@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <linux/fanotify.h>
 #include <sys/stat.h>
 #include <sys/types.h>
@@ -30,10 +31,11 @@ class IHandleResolver {
   virtual bool stat(const std::string& path, struct stat* st) = 0;
 };
 
+// Written by the reader, read by anyone.
 struct FileDecoderCounters {
-  uint64_t malformed = 0;
-  uint64_t overflows = 0;
-  uint64_t unresolved = 0;
+  std::atomic<uint64_t> malformed{0};
+  std::atomic<uint64_t> overflows{0};
+  std::atomic<uint64_t> unresolved{0};
 };
 
 // Decodes fanotify FID-mode records (FAN_REPORT_DFID_NAME with the object's

@@ -24,6 +24,7 @@ class FanotifyFileSource final : public IEventSource, private IHandleResolver {
   explicit FanotifyFileSource(IEventSink& sink);
   ~FanotifyFileSource() override;
 
+  const FileDecoderCounters& counters() const { return decoder_.counters(); }
   const char* name() const override { return "fanotify-files"; }
   EventSet types() const override;
   bool apply(const EventSet& wanted) override;

@@ -5,7 +5,12 @@
 #include <mutex>
 #include <vector>
 
+#include "text/byteescape.h"
+
 namespace endpointsecurity::linux_es {
+
+using tarvex::itx::rtn::linux_platform::escapeBytes;
+using tarvex::itx::rtn::linux_platform::needsEscape;
 
 namespace {
 
@@ -63,6 +68,12 @@ Message::Message(es_event_type_t type, es_action_type_t action) {
 }
 
 es_string_token_t TextArena::add(std::string_view text) {
+  // The daemon takes UTF-8 only, and names on Linux are bytes.
+  if (needsEscape(text)) return copy(escapeBytes(text));
+  return copy(text);
+}
+
+es_string_token_t TextArena::copy(std::string_view text) {
   const size_t need = text.size() + 1;
   if (need > room_) {
     const size_t size = std::max(need, kBlock);
@@ -109,6 +120,9 @@ es_process_t* Message::addProcess(const ProcessInfo& info) {
 
 void Message::setExecArgs(std::vector<std::string> args) {
   args_ = std::move(args);
+  for (std::string& a : args_) {
+    if (needsEscape(a)) a = escapeBytes(a);
+  }
   argTokens_.clear();
   argTokens_.reserve(args_.size());
   for (const std::string& a : args_) argTokens_.push_back({a.size(), a.c_str()});

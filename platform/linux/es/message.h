@@ -84,9 +84,11 @@ class TextArena {
   TextArena() = default;
   TextArena(const TextArena&) = delete;
   TextArena& operator=(const TextArena&) = delete;
+  // Stored as the daemon can take it: see text/byteescape.h.
   es_string_token_t add(std::string_view text);
 
  private:
+  es_string_token_t copy(std::string_view text);
   static constexpr size_t kInline = 512;
   static constexpr size_t kBlock = 2048;
   char inline_[kInline];

@@ -13,6 +13,7 @@
 #include "rtn/platform.h"
 #include "rtnmac/productroot.h"
 #include "setup/facility.h"
+#include "watchdog/stallwatchdog.h"
 #include "xpc/unixsocketconnector.h"
 
 LUMO_LOG_MODULE("MAC_SPECIFIC")
@@ -40,6 +41,8 @@ bool installPlatform(int /*argc*/, char** /*argv*/) {
                             : log::linux_platform::makeSystemSink().release();
   log::setSink(sink);
   log::setDebugEnabled(flagSet("LUMO_LOG_DEBUG"));
+  // Forked while this process has no threads of its own yet.
+  linux_platform::startStallWatchdog();
   if (const char* root = std::getenv("LUMO_PRODUCT_ROOT")) rtnmac::setProductRoot(root);
 
   auto* clock = new linux_platform::MonotonicClock();
