@@ -9,6 +9,7 @@
 #include <filesystem>
 
 #include "linux_es/realextension.h"
+#include "text/byteescape.h"
 
 namespace {
 
@@ -59,7 +60,7 @@ class FileEvents : public RealExtension {
   bool mounted = false;
 };
 
-TEST_F(FileEvents, RemovableVolumeYieldsOpenCloseRenameLinkUnlinkAndExchange) {
+TEST_F(FileEvents, RemovableVolumeYieldsOpenCloseRenameLinkUnlinkAndExchangeForAnyName) {
   start({"LUMO_LOG_DEBUG=1"});
   volume = dir + "/usb";
   fs::create_directories(volume);
@@ -93,6 +94,14 @@ TEST_F(FileEvents, RemovableVolumeYieldsOpenCloseRenameLinkUnlinkAndExchange) {
   ASSERT_EQ(rename(d.c_str(), b.c_str()), 0);
   expectEvent(kRename, d, b);
   EXPECT_EQ(count(kRename, b), 0u);
+
+  // A name in bytes that are not UTF-8 can't hide a copy: it arrives
+  // escaped, and the original bytes come back from it.
+  const std::string odd = volume + "/ev\xffil";
+  writeFile(odd, "copied");
+  const std::string escaped = volume + "/ev\\xffil";
+  expectEvent(kCloseModified, escaped, "", 6);
+  EXPECT_EQ(tarvex::itx::rtn::linux_platform::unescapeBytes(escaped), odd);
 
   // Watching holds nothing open on the volume: it unmounts as usual.
   mounted = umount(volume.c_str()) != 0;

@@ -4,6 +4,7 @@
 #include <filesystem>
 
 #include "linux_es/realextension.h"
+#include "text/byteescape.h"
 
 namespace {
 
@@ -53,23 +54,36 @@ TEST_F(ProcessEvents, ExecWithArgumentsYieldsStartAndExitRecordsOnTheConnectorTi
   checkExecWithArguments("connector");
 }
 
-TEST_F(ProcessEvents, MutedPathsStopAProcessesEvents) {
+// Names and arguments are bytes on Linux: those that are not UTF-8 reach
+// the daemon escaped (the original bytes come back from them), and
+// exclusions match that form.
+TEST_F(ProcessEvents, MutedPathsStopAProcessesEventsAndOtherNamesInAnyBytesAreReported) {
   start();
   const std::string tools = dir + "/tools";
   fs::create_directories(tools + "/sub");
-  for (const char* name : {"/quiet", "/prefixed", "/sub/inner"})
+  for (const char* name : {"/quiet", "/prefixed", "/sub/inner", "/odd\xff", "/muted\xff"})
     fs::copy_file("/bin/true", tools + name);
-  exclude({{"process_path", tools + "/quiet"}, {"process_dir_path", tools + "/sub/"}});
+  exclude({{"process_path", tools + "/quiet"},
+           {"process_dir_path", tools + "/sub/"},
+           {"process_path", tools + "/muted\\xff"}});
 
-  pid_t quiet = 0, inner = 0, loud = 0;
+  pid_t quiet = 0, inner = 0, odd = 0, mutedOdd = 0, loud = 0;
   run({tools + "/quiet", "a"}, &quiet);
   run({tools + "/sub/inner", "b"}, &inner);
+  run({tools + "/muted\xff", "d"}, &mutedOdd);
+  run({tools + "/odd\xff", "\xfe", "x"}, &odd);
   run({tools + "/prefixed", "c"}, &loud);
   ASSERT_TRUE(
       waitEvent(kExit, [&](const Received& r) { return number(r, "pid") == (uint64_t)loud; }));
-  // The reported one went through after the muted ones: they had their
+  auto start = waitEvent(kStart, [&](const Received& r) {
+    return number(r, "pid") == (uint64_t)odd && text(r, "path") == tools + "/odd\\xff";
+  });
+  ASSERT_TRUE(start) << "no start record for the odd name";
+  EXPECT_EQ(text(*start, "cmd"), "\\xfe x");
+  EXPECT_EQ(tarvex::itx::rtn::linux_platform::unescapeBytes(text(*start, "cmd")), "\xfe x");
+  // The reported ones went through after the muted ones: they had their
   // chance and left nothing but the fork of the test itself.
-  for (pid_t muted : {quiet, inner}) {
+  for (pid_t muted : {quiet, inner, mutedOdd}) {
     auto of = [&](const Received& r) { return number(r, "pid") == (uint64_t)muted; };
     for (const auto& r : events(kStart, of))
       EXPECT_EQ(text(r, "path").find(tools), std::string::npos);
