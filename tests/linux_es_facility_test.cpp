@@ -14,8 +14,8 @@
 
 #include "clock/monotonicclock.h"
 #include "dispatch/linuxdispatch.h"
-#include "es/linuxendpointsecurity.h"
-#include "es/message.h"
+#include "es/hub/linuxendpointsecurity.h"
+#include "es/hub/message.h"
 #include "support/manual_dispatch.h"
 
 namespace endpointsecurity::linux_es {

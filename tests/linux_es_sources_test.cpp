@@ -22,14 +22,14 @@
 #include <vector>
 
 #include "es/bpf/processevent.h"
-#include "es/execcall.h"
-#include "es/execformat.h"
-#include "es/fanotifydecoder.h"
-#include "es/message.h"
-#include "es/mounts.h"
-#include "es/processrecord.h"
-#include "es/procinfo.h"
-#include "es/socketmatch.h"
+#include "es/procfs/execcall.h"
+#include "es/procfs/execformat.h"
+#include "es/decoders/fanotifydecoder.h"
+#include "es/hub/message.h"
+#include "es/procfs/mounts.h"
+#include "es/decoders/processrecord.h"
+#include "es/procfs/procinfo.h"
+#include "es/procfs/socketmatch.h"
 #include "text/byteescape.h"
 #include "xpc/utf8.h"
 

@@ -6,14 +6,14 @@
 #include <string>
 
 #ifdef LUMO_HAVE_BPF
-#include "es/bpflsmprobe.h"
-#include "es/bpfprocesssource.h"
-#include "es/bpfuipcsource.h"
+#include "es/sources/bpflsmprobe.h"
+#include "es/sources/bpfprocesssource.h"
+#include "es/sources/bpfuipcsource.h"
 #endif
-#include "es/fanotifyauthsource.h"
-#include "es/fanotifyfilesource.h"
-#include "es/linuxendpointsecurity.h"
-#include "es/procconnectorsource.h"
+#include "es/sources/fanotifyauthsource.h"
+#include "es/sources/fanotifyfilesource.h"
+#include "es/hub/linuxendpointsecurity.h"
+#include "es/sources/procconnectorsource.h"
 #include "log/log.h"
 #include "metrics/counters.h"
 #include "metrics/countersummary.h"

@@ -1,4 +1,4 @@
-#include "es/mounts.h"
+#include "es/procfs/mounts.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -12,7 +12,7 @@
 #include <unordered_map>
 #include <unordered_set>
 
-#include "es/eventsource.h"
+#include "es/hub/eventsource.h"
 
 struct file_handle;
 

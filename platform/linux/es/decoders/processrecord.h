@@ -5,8 +5,8 @@
 #include <string>
 #include <unordered_map>
 
-#include "es/eventsource.h"
-#include "es/procinfo.h"
+#include "es/hub/eventsource.h"
+#include "es/procfs/procinfo.h"
 
 struct lumo_proc_event;
 struct lumo_proc_ident;

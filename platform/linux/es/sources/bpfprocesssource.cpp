@@ -1,4 +1,4 @@
-#include "es/bpfprocesssource.h"
+#include "es/sources/bpfprocesssource.h"
 
 #include <bpf/libbpf.h>
 #include <sys/epoll.h>
@@ -11,8 +11,8 @@
 
 #include "dispatch/threadname.h"
 #include "dispatch/wakebatch.h"
-#include "es/beat.h"
-#include "es/message.h"
+#include "es/sources/beat.h"
+#include "es/hub/message.h"
 #include "log/log.h"
 #include "process.skel.h"
 

@@ -1,12 +1,12 @@
-#include "es/fanotifydecoder.h"
+#include "es/decoders/fanotifydecoder.h"
 
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cstring>
 
-#include "es/message.h"
-#include "es/procinfo.h"
+#include "es/hub/message.h"
+#include "es/procfs/procinfo.h"
 #include "log/log.h"
 
 LUMO_LOG_MODULE("LINUX_ES")

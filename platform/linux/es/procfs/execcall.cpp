@@ -1,4 +1,4 @@
-#include "es/execcall.h"
+#include "es/procfs/execcall.h"
 
 #include <fcntl.h>
 #include <sys/syscall.h>

@@ -1,4 +1,4 @@
-#include "es/bpfuipcsource.h"
+#include "es/sources/bpfuipcsource.h"
 
 #include <bpf/libbpf.h>
 #include <fcntl.h>
@@ -15,12 +15,12 @@
 
 #include "dispatch/threadname.h"
 #include "dispatch/wakebatch.h"
-#include "es/beat.h"
+#include "es/sources/beat.h"
 #include "es/bpf/uipcevent.h"
-#include "es/message.h"
-#include "es/mounts.h"
-#include "es/procinfo.h"
-#include "es/socketmatch.h"
+#include "es/hub/message.h"
+#include "es/procfs/mounts.h"
+#include "es/procfs/procinfo.h"
+#include "es/procfs/socketmatch.h"
 #include "log/log.h"
 #include "observers/cupspaths.h"
 #include "uipc.skel.h"

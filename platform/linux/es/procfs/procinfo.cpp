@@ -1,4 +1,4 @@
-#include "es/procinfo.h"
+#include "es/procfs/procinfo.h"
 
 #include <fcntl.h>
 #include <limits.h>
@@ -9,7 +9,7 @@
 #include <sstream>
 #include <vector>
 
-#include "es/fdpath.h"
+#include "es/procfs/fdpath.h"
 
 namespace endpointsecurity::linux_es {
 

@@ -1,4 +1,4 @@
-#include "es/fanotifyfilesource.h"
+#include "es/sources/fanotifyfilesource.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -16,9 +16,9 @@
 
 #include "dispatch/threadname.h"
 #include "dispatch/wakebatch.h"
-#include "es/beat.h"
-#include "es/fdpath.h"
-#include "es/mounts.h"
+#include "es/sources/beat.h"
+#include "es/procfs/fdpath.h"
+#include "es/procfs/mounts.h"
 #include "log/log.h"
 
 LUMO_LOG_MODULE("LINUX_ES")

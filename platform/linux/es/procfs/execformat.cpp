@@ -1,4 +1,4 @@
-#include "es/execformat.h"
+#include "es/procfs/execformat.h"
 
 #include <elf.h>
 #include <limits.h>

@@ -8,7 +8,7 @@
 #include <thread>
 #include <unordered_set>
 
-#include "es/eventsource.h"
+#include "es/hub/eventsource.h"
 
 namespace endpointsecurity::linux_es {
 

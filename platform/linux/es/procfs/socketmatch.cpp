@@ -1,4 +1,4 @@
-#include "es/socketmatch.h"
+#include "es/procfs/socketmatch.h"
 
 #include <sys/stat.h>
 

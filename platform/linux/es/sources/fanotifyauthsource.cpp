@@ -1,4 +1,4 @@
-#include "es/fanotifyauthsource.h"
+#include "es/sources/fanotifyauthsource.h"
 
 #include <fcntl.h>
 #include <limits.h>
@@ -13,12 +13,12 @@
 
 #include "dispatch/threadname.h"
 #include "dispatch/threadpriority.h"
-#include "es/execcall.h"
-#include "es/execformat.h"
-#include "es/fdpath.h"
-#include "es/linuxendpointsecurity.h"
-#include "es/message.h"
-#include "es/mounts.h"
+#include "es/procfs/execcall.h"
+#include "es/procfs/execformat.h"
+#include "es/procfs/fdpath.h"
+#include "es/hub/linuxendpointsecurity.h"
+#include "es/hub/message.h"
+#include "es/procfs/mounts.h"
 #include "log/log.h"
 #include "watchdog/heartbeat.h"
 #include "watchdog/stallwatchdog.h"

@@ -1,4 +1,4 @@
-#include "es/beat.h"
+#include "es/sources/beat.h"
 
 #include <atomic>
 #include <cerrno>

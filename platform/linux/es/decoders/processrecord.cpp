@@ -1,4 +1,4 @@
-#include "es/processrecord.h"
+#include "es/decoders/processrecord.h"
 
 #include <limits.h>
 #include <stdlib.h>
@@ -7,7 +7,7 @@
 #include <cstring>
 
 #include "es/bpf/processevent.h"
-#include "es/message.h"
+#include "es/hub/message.h"
 #include "log/log.h"
 
 LUMO_LOG_MODULE("LINUX_ES")

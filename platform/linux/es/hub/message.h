@@ -14,7 +14,7 @@
 #include <string_view>
 #include <vector>
 
-#include "es/procinfo.h"
+#include "es/procfs/procinfo.h"
 #include "rtn/dispatch.h"
 
 namespace endpointsecurity::linux_es {

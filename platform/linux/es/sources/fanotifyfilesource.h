@@ -10,8 +10,8 @@
 #include <unordered_map>
 #include <vector>
 
-#include "es/eventsource.h"
-#include "es/fanotifydecoder.h"
+#include "es/hub/eventsource.h"
+#include "es/decoders/fanotifydecoder.h"
 
 namespace endpointsecurity::linux_es {
 

@@ -1,4 +1,4 @@
-#include "es/fdpath.h"
+#include "es/procfs/fdpath.h"
 
 #include <fcntl.h>
 #include <limits.h>

@@ -1,4 +1,4 @@
-#include "es/bpflsmprobe.h"
+#include "es/sources/bpflsmprobe.h"
 
 #include <bpf/libbpf.h>
 

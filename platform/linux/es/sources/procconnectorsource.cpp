@@ -1,4 +1,4 @@
-#include "es/procconnectorsource.h"
+#include "es/sources/procconnectorsource.h"
 
 #include <linux/cn_proc.h>
 #include <linux/connector.h>
@@ -11,8 +11,8 @@
 #include <cstring>
 
 #include "dispatch/threadname.h"
-#include "es/message.h"
-#include "es/procinfo.h"
+#include "es/hub/message.h"
+#include "es/procfs/procinfo.h"
 #include "log/log.h"
 
 LUMO_LOG_MODULE("LINUX_ES")

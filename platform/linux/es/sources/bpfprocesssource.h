@@ -7,8 +7,8 @@
 #include <thread>
 #include <vector>
 
-#include "es/eventsource.h"
-#include "es/processrecord.h"
+#include "es/hub/eventsource.h"
+#include "es/decoders/processrecord.h"
 
 struct process_bpf;
 struct ring_buffer;

@@ -1,4 +1,4 @@
-#include "es/message.h"
+#include "es/hub/message.h"
 
 #include <algorithm>
 #include <cstring>

@@ -6,7 +6,7 @@
 #include <string>
 #include <thread>
 
-#include "es/eventsource.h"
+#include "es/hub/eventsource.h"
 
 namespace endpointsecurity::linux_es {
 

@@ -1,4 +1,4 @@
-#include "es/heldmoves.h"
+#include "es/hub/heldmoves.h"
 
 namespace endpointsecurity::linux_es {
 

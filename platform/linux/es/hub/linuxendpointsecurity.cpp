@@ -1,4 +1,4 @@
-#include "es/linuxendpointsecurity.h"
+#include "es/hub/linuxendpointsecurity.h"
 
 #include <time.h>
 

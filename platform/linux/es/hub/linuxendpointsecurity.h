@@ -9,10 +9,10 @@
 #include <string>
 #include <vector>
 
-#include "es/eventsource.h"
-#include "es/heldmoves.h"
-#include "es/message.h"
-#include "es/procinfo.h"
+#include "es/hub/eventsource.h"
+#include "es/hub/heldmoves.h"
+#include "es/hub/message.h"
+#include "es/procfs/procinfo.h"
 #include "esclient/esapi.h"
 #include "rtn/clock.h"
 #include "rtn/dispatch.h"
