@@ -6,8 +6,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <cstdlib>
 #include <sstream>
@@ -22,7 +22,9 @@ constexpr size_t kMaxArgs = 4096;
 constexpr size_t kMaxArgBytes = 128 * 1024;
 constexpr size_t kMaxString = 4096;
 constexpr std::string_view kRunning = "running";
-constexpr int kRunningRetries = 40;  // a few milliseconds
+// How long a caller shown "running" is waited for: woken on a busy machine,
+// it may queue for the CPU for milliseconds before it looks again.
+constexpr auto kRunningPatience = std::chrono::milliseconds(50);
 
 class Fd {
  public:
@@ -110,16 +112,19 @@ std::optional<ExecCall> readExecCall(pid_t pid, bool withArgs, const std::string
   // Read on the caller's exec path: plain reads, no streams. A caller
   // waiting for a permission answer is woken whenever the group answers any
   // event and looks for its own; meanwhile the file says "running": read
-  // again until it shows the call (kRunningRetries at most).
+  // again, backing off, until it shows the call (kRunningPatience at most).
   char text[512];
   ssize_t length = -1;
   {
     const Fd syscallFile(open((dir + "/syscall").c_str(), O_RDONLY | O_CLOEXEC));
-    for (int attempt = 0; syscallFile.get() >= 0 && attempt < kRunningRetries; ++attempt) {
+    const auto giveUp = std::chrono::steady_clock::now() + kRunningPatience;
+    auto pause = std::chrono::microseconds(20);
+    while (syscallFile.get() >= 0) {
       length = pread(syscallFile.get(), text, sizeof text - 1, 0);
       const std::string_view shown(text, length > 0 ? static_cast<size_t>(length) : 0);
-      if (!shown.starts_with(kRunning)) break;
-      std::this_thread::sleep_for(std::chrono::microseconds(20));
+      if (!shown.starts_with(kRunning) || std::chrono::steady_clock::now() >= giveUp) break;
+      std::this_thread::sleep_for(pause);
+      pause = std::min(pause * 2, std::chrono::microseconds(2000));
     }
   }
   if (length <= 0) return std::nullopt;
