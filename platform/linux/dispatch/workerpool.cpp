@@ -1,5 +1,7 @@
 #include "dispatch/workerpool.h"
 
+#include <malloc.h>
+
 #include <algorithm>
 #include <optional>
 #include <system_error>
@@ -244,7 +246,12 @@ void WorkerPool::workerMain() {
     --idle_;
     if (!woken) break;
   }
+  const bool idleExit = !stopping_ && !released_;
   retireLocked();
+  lock.unlock();
+  // A burst is over: what its tasks allocated goes back to the system
+  // rather than staying resident until the next one.
+  if (idleExit) malloc_trim(0);
 }
 
 bool WorkerPool::spinForWork(std::unique_lock<std::mutex>& lock) {

@@ -1,6 +1,8 @@
 // The Linux seams, built once at process start. They live until the
 // process ends and are never destroyed: threads of theirs may still run
 // while the process exits.
+#include <malloc.h>
+
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -36,6 +38,9 @@ bool flagSet(const char* variable) {
 //   LUMO_PRODUCT_ROOT=D  look for the product's folders under D
 //   LUMO_RUNTIME_DIR=D   the daemon's socket lives in D (default /run/tarvex)
 bool installPlatform(int /*argc*/, char** /*argv*/) {
+  // Few cores and bursts of short tasks on many threads: an arena per
+  // thread would keep each burst's memory resident in every one of them.
+  mallopt(M_ARENA_MAX, 2);
   log::ILogSink* sink = flagSet("LUMO_LOG_STDERR")
                             ? new log::linux_platform::StderrSink()
                             : log::linux_platform::makeSystemSink().release();

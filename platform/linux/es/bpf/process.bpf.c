@@ -13,7 +13,7 @@ char LICENSE[] SEC("license") = "GPL";
 
 struct {
   __uint(type, BPF_MAP_TYPE_RINGBUF);
-  __uint(max_entries, 8 << 20);
+  __uint(max_entries, 4 << 20);
 } events SEC(".maps");
 
 // Records are built here, not on the 512-byte stack.
@@ -64,7 +64,7 @@ static __always_inline struct lumo_proc_event *record(__u32 kind) {
 
 // User space drains the buffer on its own beat; it is woken early only
 // when records pile up. A wakeup per record costs more than the record.
-#define LUMO_WAKE_AT (1 << 20)
+#define LUMO_WAKE_AT (512 << 10)
 
 static __always_inline void emit(struct lumo_proc_event *e, __u64 size) {
   __u64 flags = bpf_ringbuf_query(&events, BPF_RB_AVAIL_DATA) > LUMO_WAKE_AT ? BPF_RB_FORCE_WAKEUP

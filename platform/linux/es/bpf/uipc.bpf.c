@@ -14,7 +14,7 @@ extern void *bpf_cast_to_kern_ctx(void *obj) __ksym;
 
 struct {
   __uint(type, BPF_MAP_TYPE_RINGBUF);
-  __uint(max_entries, 1 << 20);
+  __uint(max_entries, 512 << 10);
 } uipc_events SEC(".maps");
 
 struct {
@@ -46,7 +46,7 @@ int lumo_connect_unix(struct bpf_sock_addr *ctx) {
   struct sockaddr_un *un = (struct sockaddr_un *)sa->uaddr;
   if (bpf_probe_read_kernel(e->path, sizeof(e->path), un->sun_path) != 0) e->path_len = 0;
   // Drained on user space's own beat, woken early only when records pile up.
-  bpf_ringbuf_submit(e, bpf_ringbuf_query(&uipc_events, BPF_RB_AVAIL_DATA) > (256 << 10)
+  bpf_ringbuf_submit(e, bpf_ringbuf_query(&uipc_events, BPF_RB_AVAIL_DATA) > (128 << 10)
                             ? BPF_RB_FORCE_WAKEUP
                             : BPF_RB_NO_WAKEUP);
   return 1;
