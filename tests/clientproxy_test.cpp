@@ -232,6 +232,16 @@ TEST_F(XPCLink, NoReconnectionAfterStopOrWithoutTheProduct) {
   EXPECT_EQ(connector.opened.size(), 2u);
 }
 
+// Whichever connection reports it, an interruption ends the current one.
+TEST_F(XPCLink, AnInterruptionInvalidatesTheCurrentConnection) {
+  auto first = connector.opened.back().connection;
+  xpc().stop();
+  xpc().start(proxy.get());
+  auto current = connector.opened.back().connection;
+  first->interruption();
+  EXPECT_TRUE(current->invalidated);
+}
+
 // Stale timestamps and wrong-typed switches are the process tests' to check.
 TEST_F(XPCLink, PolicyAndExclusionsKeepTheirOwnTimestampsAndAStoppedLinkAnswersNo) {
   const Dictionary on = policy(true);

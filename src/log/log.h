@@ -80,22 +80,16 @@
 namespace tarvex::itx::log {
 
 // Logs entry on construction and exit on destruction (any exit path) of a
-// traced function, on the module's trace log.
+// traced function, on the module's trace log. Defined out of line, so that
+// the .mm files share the C++ compilation of it.
 class ScopeTracer {
  public:
-  ScopeTracer(LogHandle trace, const char* function) : trace_(trace), function_(function) {
-    LUMO_LOG_EMIT_RAW(trace_, LUMO_LOG_TYPE_DEBUG, "%{public}s Entering: %{public}s \n ", kPrefix,
-                      function_);
-  }
-  ~ScopeTracer() {
-    LUMO_LOG_EMIT_RAW(trace_, LUMO_LOG_TYPE_DEBUG, "%{public}s Exiting: %{public}s \n ", kPrefix,
-                      function_);
-  }
+  ScopeTracer(LogHandle trace, const char* function);
+  ~ScopeTracer();
   ScopeTracer(const ScopeTracer&) = delete;
   ScopeTracer& operator=(const ScopeTracer&) = delete;
 
  private:
-  static constexpr const char* kPrefix = "Func:  ";
   LogHandle trace_;
   const char* function_;
 };

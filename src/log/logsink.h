@@ -12,11 +12,20 @@
 #include <os/log.h>
 
 namespace tarvex::itx::log {
-using LogHandle = os_log_t;
-inline LogHandle makeLog(const char* subsystem, const char* category) {
-  return os_log_create(subsystem, category);
-}
+// A log object, not owned. Under ARC an os_log_t is a retained Objective-C
+// object, in C++ a plain pointer: a type holding one would mean two things
+// to the .mm and .cpp files that share it. The handle means the same in
+// both; the object behind it is never released.
+struct AppleLogObject;
+using LogHandle = AppleLogObject*;
+LogHandle makeLog(const char* subsystem, const char* category);
 }  // namespace tarvex::itx::log
+
+#if __has_feature(objc_arc)
+#define LUMO_OS_LOG(handle) ((__bridge os_log_t)(handle))
+#else
+#define LUMO_OS_LOG(handle) ((os_log_t)(handle))
+#endif
 
 #define LUMO_LOG_TYPE_DEBUG OS_LOG_TYPE_DEBUG
 #define LUMO_LOG_TYPE_INFO OS_LOG_TYPE_INFO
@@ -24,8 +33,8 @@ inline LogHandle makeLog(const char* subsystem, const char* category) {
 
 #define LUMO_LOG_EMIT_RAW(handle, type, fmt, ...)                           \
   do {                                                                     \
-    if (os_log_type_enabled((handle), (type))) {                           \
-      os_log_with_type((handle), (type), fmt, ##__VA_ARGS__);              \
+    if (os_log_type_enabled(LUMO_OS_LOG(handle), (type))) {                \
+      os_log_with_type(LUMO_OS_LOG(handle), (type), fmt, ##__VA_ARGS__);   \
     }                                                                      \
   } while (0)
 

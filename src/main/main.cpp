@@ -1,6 +1,8 @@
 // Process entry: signals, the control loop that carries out uninstall, sleep
 // and wake-up, folder recovery, and the one client proxy.
+#include <fcntl.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -49,6 +51,8 @@ const char* signalWord(int sig) {
   }
 }
 
+// The handler's work: done on the thread of handleSignals, since logging and
+// locking are not safe in signal context.
 void sig_handler(int sig) {
   const std::string text = std::string("System Extension has been signaled with ") + signalWord(sig);
   if (sig == SIGTERM) gStop.store(true);
@@ -59,27 +63,56 @@ void sig_handler(int sig) {
   gStoprdy.signal();
 }
 
-// The handler's work is done on this thread, which takes the signals from
-// sigwait: logging and locking are not safe in signal context.
+// Signal number per byte, in the order the handlers ran.
+int gSignalPipe[2] = {-1, -1};
+
+// The installed handler: only the write is safe here. Signals pending
+// together reach it in the kernel's order (on Linux the later-numbered one
+// first, its frame on top), which the pipe keeps for sig_handler.
+void forwardSignal(int sig) {
+  const int saved = errno;
+  const unsigned char byte = static_cast<unsigned char>(sig);
+  (void)!write(gSignalPipe[1], &byte, 1);
+  errno = saved;
+}
+
+// The one thread the signals reach: their handlers run here, so signals
+// pending together nest in one thread and keep their order in the pipe.
+void handleSignals(sigset_t set) {
+  pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+  for (;;) {
+    unsigned char sigs[64];
+    const ssize_t n = read(gSignalPipe[0], sigs, sizeof sigs);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return;
+    for (ssize_t i = 0; i < n; ++i) sig_handler(sigs[i]);
+  }
+}
+
 void routeSignals() {
+  if (pipe(gSignalPipe) != 0) return;
+  for (int fd : gSignalPipe) fcntl(fd, F_SETFD, FD_CLOEXEC);
+  // A handler never blocks, even on a full pipe.
+  fcntl(gSignalPipe[1], F_SETFL, O_NONBLOCK);
   sigset_t set;
   sigemptyset(&set);
-  for (int sig : kSignals) sigaddset(&set, sig);
-  // Every thread started after this inherits the mask, so only sigwait
-  // sees these signals.
+  for (int sig : kSignals) {
+    // SIGKILL can't be caught; trying is harmless.
+    signal(sig, forwardSignal);
+    sigaddset(&set, sig);
+  }
+  // Blocked in every thread started after this but the one below.
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
-  std::thread([set] {
-    for (;;) {
-      int sig = 0;
-      if (sigwait(&set, &sig) == 0) sig_handler(sig);
-    }
-  }).detach();
+  std::thread(handleSignals, set).detach();
 }
 
 void process_signals_block_invoke() {
   mutex_guard_t guard(gStopmtx, true);
   while (!gStop.load()) {
-    if (gStoprdy.timed_wait(guard, 10000) == ETIMEDOUT) continue;
+    // A time-out checks the flags too: a condition signal that comes after
+    // the loop was woken, before it takes the lock again, is lost, and its
+    // flag waits for the next time-out.
+    gStoprdy.timed_wait(guard, 10000);
     if (gStop.load()) {
       LOG_INFO("Uninstall procedure initiated\n");
       if (gClientProxy) gClientProxy->stop();

@@ -44,6 +44,12 @@ void Child::signal(int sig) {
   if (pid_ > 0) ::kill(pid_, sig);
 }
 
+bool Child::suspend() {
+  int status = 0;
+  return pid_ > 0 && ::kill(pid_, SIGSTOP) == 0 && waitpid(pid_, &status, WUNTRACED) == pid_ &&
+         WIFSTOPPED(status);
+}
+
 void Child::kill() {
   if (pid_ <= 0) return;
   ::kill(pid_, SIGKILL);

@@ -25,6 +25,8 @@ class Child {
 
   void write(const std::string& text);
   void signal(int sig);
+  // SIGSTOP, returning once the child has stopped.
+  bool suspend();
   // Kills (SIGKILL) and reaps.
   void kill();
   bool running();

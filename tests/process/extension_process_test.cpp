@@ -5,6 +5,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <fstream>
+#include <sstream>
 #include <thread>
 
 #include "process/extension_fixture.h"
@@ -31,6 +33,20 @@ constexpr const char* kReconnecting = "Error: Attempting reconnection after disc
 // observer; the file and printer observers' types come and go with theirs.
 constexpr const char* kSubscribed = "es: subscribe 9,11,15\n";
 const Dictionary kDataProtection = policyDict(true, false, false);
+
+// Whether each text occurs in the file after the one before it.
+bool inOrder(const std::string& path, std::initializer_list<const char*> texts) {
+  std::stringstream all;
+  all << std::ifstream(path).rdbuf();
+  const std::string s = all.str();
+  size_t at = 0;
+  for (const char* text : texts) {
+    at = s.find(text, at);
+    if (at == std::string::npos) return false;
+    ++at;
+  }
+  return true;
+}
 
 TEST_F(ExtensionProcess, RegistersTakesPolicyDeliversEventsAndRefusesBadSettings) {
   InProcessDaemon daemon(runtimeDir);
@@ -98,6 +114,10 @@ TEST_F(ExtensionProcess, ReconnectsASecondAfterEachOutageAndDropsWhatCameMeanwhi
   EXPECT_TRUE(extension->running());
 }
 
+// SIGUSR2 and SIGUSR1 pending together (as when the daemon sends both while
+// the extension is descheduled) run in the handlers' order: sleep, then
+// wake-up. Whichever condition signal the control loop misses, its time-out
+// picks up the flag.
 TEST_F(ExtensionProcess, SignalsSleepWakeAndUninstall) {
   InProcessDaemon daemon(runtimeDir);
   startExtension();
@@ -105,17 +125,21 @@ TEST_F(ExtensionProcess, SignalsSleepWakeAndUninstall) {
   ASSERT_TRUE(extensionSide);
   ASSERT_EQ(push(*extensionSide, 1, kDataProtection), true);
 
+  ASSERT_TRUE(extension->suspend());
   extension->signal(SIGUSR2);
-  ASSERT_TRUE(extensionLogs("Info:  System Extension has been signaled with SIGUSR2.\n"));
-  ASSERT_TRUE(extensionLogs("Info:  Sleep procedure finished\n"));
-  // All observers go off: every type any of them uses (RENAME twice, for
-  // the file and the printer observer).
+  extension->signal(SIGUSR1);
+  extension->signal(SIGCONT);
+  const auto resumed = std::chrono::steady_clock::now();
+  ASSERT_TRUE(extensionLogs("Info:  Wakeup procedure finished\n"));
+  EXPECT_LE(std::chrono::steady_clock::now() - resumed, milliseconds(11000));
+  EXPECT_TRUE(inOrder(logPath, {"signaled with SIGUSR2.\n", "signaled with SIGUSR1.\n"}));
+  EXPECT_TRUE(inOrder(logPath, {"Info:  Sleep procedure finished\n",
+                                "Info:  Wakeup procedure initiated\n"}));
+  // Sleep turned every observer off (RENAME twice, for the file and the
+  // printer observer) and took the link down; wake-up re-applied the stored
+  // policy and registered again.
   EXPECT_TRUE(extensionLogs("es: unsubscribe 0,9,10,11,12,14,15,19,25,25,32,78\n"));
   EXPECT_TRUE(extensionLogs("Info:  XPC client stop requested.\n"));
-
-  // Wake-up re-applies the stored policy and registers again.
-  extension->signal(SIGUSR1);
-  ASSERT_TRUE(extensionLogs("Info:  Wakeup procedure finished\n"));
   EXPECT_TRUE(extensionLogs(kSubscribed, 2));
   EXPECT_TRUE(daemon.waitForExtension(2));
 
