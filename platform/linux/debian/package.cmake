@@ -46,8 +46,8 @@ set(CPACK_DEBIAN_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_HOMEPAGE https://www.tarvex.com/lumo)
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Endpoint Security extension of Tarvex Lumo")
-set(CPACK_DEBIAN_PACKAGE_DESCRIPTION
-    "Endpoint Security extension of Tarvex Lumo\n"
+# The synopsis is the summary above; this is the extended description.
+string(CONCAT CPACK_DEBIAN_PACKAGE_DESCRIPTION
     "lumo-es receives the machine's process, file and printing events from the\n"
     "kernel (BPF and fanotify), filters them and hands compact records to the\n"
     "product's protection daemon over a local socket; it holds print filters\n"
