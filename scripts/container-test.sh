@@ -122,7 +122,7 @@ inside rm -f /usr/sbin/policy-rc.d
 step "apt-get install ./$deb"
 inside sh -c "cd /srv/lumo && DEBIAN_FRONTEND=noninteractive apt-get install -y -q ./$deb" \
   >"$work/install.log" 2>&1 || { cat "$work/install.log"; fail "apt-get install failed"; }
-tail -n 3 "$work/install.log"
+grep -E "^(Setting up|Created symlink)" "$work/install.log" || true
 
 step "active (running) with its status"
 status=""
@@ -157,6 +157,35 @@ fields=$(inside journalctl -q -u lumo-es -o verbose | grep -E "^ *LUMO_(SUBSYSTE
 echo $fields
 grep -q "LUMO_SUBSYSTEM=com.tarvex.lumo" <<<"$fields" || fail "no LUMO_SUBSYSTEM field"
 grep -q "LUMO_CATEGORY=" <<<"$fields" || fail "no LUMO_CATEGORY field"
+
+step "metrics in the textfile collector's folder"
+prom=/var/lib/prometheus/node-exporter/lumo-es.prom
+inside sh -c "mkdir -p ${prom%/*} && echo LUMO_METRICS_FILE=$prom >>/etc/default/lumo-es"
+inside systemctl restart lumo-es
+metrics=""
+for _ in $(seq 100); do
+  metrics=$(inside cat "$prom" 2>/dev/null || true)
+  grep -q "^lumo_es_link_up 1" <<<"$metrics" && break
+  sleep 0.2
+done
+grep -q "^lumo_es_link_up 1" <<<"$metrics" || fail "no metrics file with the link up at $prom"
+grep -c "^# HELP" <<<"$metrics" | sed 's/$/ metrics documented/'
+
+step "the reference daemon restarts alone; lumo-es reconnects"
+es_before=$(inside systemctl show -p MainPID --value lumo-es)
+connections=$(inside systemctl show -p StatusText --value lumo-es | grep -o "([0-9]* connection" || true)
+inside systemctl restart lumo-refdaemon
+status=""
+for _ in $(seq 50); do
+  status=$(inside systemctl show -p StatusText --value lumo-es)
+  grep -q "link up" <<<"$status" && ! grep -q "$connections" <<<"$status" && break
+  sleep 0.2
+done
+echo "$status"
+[ "$(inside systemctl show -p MainPID --value lumo-es)" = "$es_before" ] ||
+  fail "lumo-es was restarted with the daemon"
+grep -q "link up" <<<"$status" && ! grep -q "$connections" <<<"$status" ||
+  fail "lumo-es did not reconnect"
 
 step "the watchdog kills and restarts a stopped lumo-es"
 before=$(inside systemctl show -p MainPID --value lumo-es)
@@ -208,10 +237,10 @@ inside sh -c "DEBIAN_FRONTEND=noninteractive apt-get purge -y -q lumo-es" >"$wor
   { cat "$work/purge.log"; fail "apt-get purge failed"; }
 left=$(inside pgrep -a -f 'lumo-(es|refdaemon)' || true)
 [ -z "$left" ] || fail "still running after purge: $left"
-behind=$(inside sh -c 'ls -d /usr/sbin/lumo-* /lib/systemd/system/lumo-* /etc/default/lumo-* \
+behind=$(inside sh -c "ls -d /usr/sbin/lumo-* /lib/systemd/system/lumo-* /etc/default/lumo-* \
   /etc/systemd/system/*/lumo-* /etc/systemd/system/lumo-* /opt/tarvex /run/tarvex \
-  /usr/share/doc/lumo-es /var/lib/systemd/deb-systemd-helper-*/*lumo* \
-  /var/lib/systemd/deb-systemd-helper-*/*/*lumo* 2>/dev/null' || true)
+  /usr/share/doc/lumo-es /var/lib/systemd/deb-systemd-helper-*/*lumo* $prom \
+  /var/lib/systemd/deb-systemd-helper-*/*/*lumo* 2>/dev/null" || true)
 [ -z "$behind" ] || fail "left behind after purge: $behind"
 inside dpkg-query -W -f='${Status}\n' lumo-es 2>/dev/null | grep -q "not-installed" ||
   ! inside dpkg-query -W lumo-es >/dev/null 2>&1 || fail "dpkg still knows lumo-es"
