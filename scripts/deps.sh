@@ -1,5 +1,5 @@
 # Debian packages the project needs, installed on demand. Sourced by the
-# other scripts: install_deps build|bpf|run|apple
+# other scripts: install_deps build|bpf|run|package|bench
 deps_build=(cmake ninja-build g++ pkg-config protobuf-compiler protobuf-compiler-grpc
   libprotobuf-dev libgrpc++-dev libsystemd-dev libgtest-dev libgmock-dev libbenchmark-dev)
 # The facility's BPF programs: CO-RE objects built against the running
@@ -7,6 +7,10 @@ deps_build=(cmake ninja-build g++ pkg-config protobuf-compiler protobuf-compiler
 deps_bpf=(clang llvm libbpf-dev bpftool)
 # Running the product for a person (scripts/run.sh): a print queue to watch.
 deps_run=(cups cups-client cups-bsd printer-driver-cups-pdf)
+# The package and its test in a booted container (scripts/container-test.sh):
+# cpack's Depends come from dpkg-shlibdeps, which it runs on what file(1)
+# calls ELF.
+deps_package=(dpkg-dev file lintian systemd-container)
 # bench/overhead.sh: the timer and the two peers it is compared with.
 deps_bench=(hyperfine auditd fapolicyd)
 
@@ -16,6 +20,7 @@ install_deps() {
     build) wanted=("${deps_build[@]}") ;;
     bpf) wanted=("${deps_bpf[@]}") ;;
     run) wanted=("${deps_run[@]}") ;;
+    package) wanted=("${deps_package[@]}") ;;
     bench) wanted=("${deps_bench[@]}") ;;
     *) echo "install_deps: unknown set $1" >&2; return 1 ;;
   esac

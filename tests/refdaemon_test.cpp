@@ -9,8 +9,11 @@
 #include <string>
 #include <vector>
 
+#include "metrics/textfile.h"
 #include "refdaemon/commands.h"
+#include "refdaemon/eventfilter.h"
 #include "refdaemon/mountscan.h"
+#include "refdaemon/options.h"
 #include "support/capture_sink.h"
 #include "support/link_journal.h"
 #include "xpc/linkchannel.h"
@@ -127,6 +130,139 @@ TEST_F(RefDaemonLink, PushesConfigurationAndCommandsToEveryExtensionAndPrintsEve
   b.daemon.reset();
   ASSERT_TRUE(output_.waitFor("{\"connection\":\"closed\",\"peer_pid\":" + pid_ + "}"));
   EXPECT_EQ(daemon_->registeredCount(), 1u);
+}
+
+TEST_F(RefDaemonLink, FiltersEventsNamesEnumsAndCountsForStats) {
+  RefDaemon::Settings settings;
+  ASSERT_EQ(addFilterCriterion("kind", "file", &settings.filter), "");
+  start(settings);
+  Journal journal;
+  ExtensionEnd a(dir_, journal);
+  a.resumeAndRegister();
+  ASSERT_TRUE(journal.waitFor("registered YES"));
+  const auto fileEvent = [](int op, int mount) {
+    return Dictionary{{{"filename1", Value("/media/usb/a")},
+                       {"fileop", Value(Number::ofInt(op))},
+                       {"mounttype", Value(Number::ofInt(mount))},
+                       {"pid", Value(Number::ofUnsignedInt(7))}}};
+  };
+  a.daemon->handleProcessStartEvent(
+      Dictionary{{{"path", Value("/bin/ls")}, {"pid", Value(Number::ofUnsignedInt(7))}}});
+  a.daemon->handleFileEvent(fileEvent(6, 2));
+  a.daemon->handleFileEvent(fileEvent(99, 2));  // a number the schema doesn't name
+  const std::string named =
+      "{\"event\":\"handleFileEvent:\",\"filename1\":\"/media/usb/a\",\"fileop\":{\"int\":6},"
+      "\"fileop_name\":\"kFileRename\",\"mounttype\":{\"int\":2},\"mounttype_name\":"
+      "\"kRemovable\",\"pid\":{\"uint\":7}}";
+  ASSERT_TRUE(output_.waitFor(named));
+  ASSERT_TRUE(output_.waitFor(
+      "{\"event\":\"handleFileEvent:\",\"filename1\":\"/media/usb/a\",\"fileop\":{\"int\":99},"
+      "\"mounttype\":{\"int\":2},\"mounttype_name\":\"kRemovable\",\"pid\":{\"uint\":7}}"));
+  // The exec was counted, not shown; pid 7's executable is known from it.
+  EXPECT_EQ(runCommand("filter exe /bin/ls", *daemon_).error, "");
+  EXPECT_EQ(runCommand("filter", *daemon_).output, "{\"filter\":\"kind=file exe=/bin/ls\"}");
+  a.daemon->handleFileEvent(fileEvent(1, 0));
+  ASSERT_TRUE(output_.waitFor(
+      "{\"event\":\"handleFileEvent:\",\"filename1\":\"/media/usb/a\",\"fileop\":{\"int\":1},"
+      "\"fileop_name\":\"kFileCreate\",\"mounttype\":{\"int\":0},\"mounttype_name\":"
+      "\"kRegular\",\"pid\":{\"uint\":7}}"));
+
+  // Drops come from the extension's metrics file, as lumo-es writes it.
+  const std::string metrics = dir_ + "/lumo-es.prom";
+  std::string error;
+  ASSERT_TRUE(tarvex::itx::rtn::linux_platform::replaceFile(
+      metrics,
+      "# HELP lumo_es_events_dropped_total Lost.\n# TYPE lumo_es_events_dropped_total counter\n"
+      "lumo_es_events_dropped_total{type=\"file\"} 3\nlumo_es_link_up 1\n",
+      &error))
+      << error;
+  EXPECT_TRUE(runCommand("stats", *daemon_).stats);
+  EXPECT_EQ(daemon_->statsLine(metrics),
+            "{\"stats\":{\"events\":{\"exec\":{\"received\":1,\"shown\":0},\"exit\":{\"received\":0,"
+            "\"shown\":0},\"file\":{\"received\":3,\"shown\":3},\"print\":{\"received\":0,\"shown\":0}},"
+            "\"filter\":\"kind=file exe=/bin/ls\",\"link\":{\"registered\":1,\"accepted\":1,\"closed\":0},"
+            "\"extension_drops\":{\"lumo_es_events_dropped_total{type=\\\"file\\\"}\":3},\"metrics_file\":\"" +
+                metrics + "\"}}");
+  EXPECT_NE(daemon_->statsLine(dir_ + "/none").find("\"extension_drops\":null"), std::string::npos);
+  EXPECT_EQ(runCommand("filter clear", *daemon_).error, "");
+  EXPECT_EQ(runCommand("filter", *daemon_).output, "{\"filter\":\"none\"}");
+}
+
+// Criteria of different kinds must all hold, values of one are
+// alternatives; paths match whole directory names.
+TEST(RefDaemonFilter, MatchesKindsPathsUnderDirectoriesPidsAndExecutables) {
+  const auto exec = [](const char* path, uint32_t pid) {
+    return Dictionary{{{"path", Value(path)}, {"pid", Value(Number::ofUnsignedInt(pid))}}};
+  };
+  const auto rename = [](const char* from, const char* to, uint32_t pid) {
+    return Dictionary{{{"filename1", Value(from)},
+                       {"filename2", Value(to)},
+                       {"pid", Value(Number::ofUnsignedInt(pid))}}};
+  };
+  const auto noExecutable = [](uint64_t) { return std::optional<std::string>(); };
+  const auto cpIs42 = [](uint64_t pid) {
+    return pid == 42 ? std::optional<std::string>("/usr/bin/cp") : std::nullopt;
+  };
+  EventFilter none;
+  EXPECT_TRUE(none.matches(EventKind::Print, Dictionary{}, noExecutable));
+
+  EventFilter home;
+  ASSERT_EQ(addFilterCriterion("path", "/home/,/srv", &home), "");
+  EXPECT_TRUE(home.matches(EventKind::File, rename("/tmp/a", "/home/me/a", 1), noExecutable));
+  EXPECT_TRUE(home.matches(EventKind::Exec, exec("/srv", 1), noExecutable));
+  EXPECT_FALSE(home.matches(EventKind::Exec, exec("/homer/x", 1), noExecutable));
+  EXPECT_FALSE(home.matches(EventKind::Exec, exec("/srvx", 1), noExecutable));
+  EXPECT_FALSE(home.matches(EventKind::Print, Dictionary{}, noExecutable));
+  EventFilter root;
+  ASSERT_EQ(addFilterCriterion("path", "/", &root), "");
+  EXPECT_TRUE(root.matches(EventKind::Exec, exec("/bin/sh", 1), noExecutable));
+
+  EventFilter filesOfCp;
+  ASSERT_EQ(addFilterCriterion("kind", "file,print", &filesOfCp), "");
+  ASSERT_EQ(addFilterCriterion("exe", "/usr/bin/cp", &filesOfCp), "");
+  EXPECT_TRUE(filesOfCp.matches(EventKind::File, rename("/a", "/b", 42), cpIs42));
+  EXPECT_FALSE(filesOfCp.matches(EventKind::File, rename("/a", "/b", 43), cpIs42));
+  EXPECT_FALSE(filesOfCp.matches(EventKind::Exec, exec("/usr/bin/cp", 42), cpIs42));
+  EXPECT_EQ(filesOfCp.describe(), "kind=file,print exe=/usr/bin/cp");
+
+  EventFilter pids;
+  ASSERT_EQ(addFilterCriterion("pid", "7,42", &pids), "");
+  EXPECT_TRUE(pids.matches(EventKind::Exit, exec("/x", 42), noExecutable));
+  EXPECT_FALSE(pids.matches(EventKind::Exit, exec("/x", 4), noExecutable));
+  EXPECT_FALSE(pids.matches(EventKind::Print, Dictionary{}, noExecutable));
+}
+
+// A bad list changes nothing, on the command line as at the prompt.
+TEST(RefDaemonFilter, BadCriteriaAreRefusedWhole) {
+  EventFilter filter;
+  ASSERT_EQ(addFilterCriterion("kind", "exec", &filter), "");
+  for (const auto& [what, value] :
+       std::vector<std::pair<const char*, const char*>>{{"kind", "file,,print"},
+                                                        {"kind", "file,"},
+                                                        {"kind", "files"},
+                                                        {"kind", ""},
+                                                        {"pid", "12x"},
+                                                        {"pid", "-1"},
+                                                        {"pid", "1,99999999999999999999"},
+                                                        {"path", "home"},
+                                                        {"exe", "/bin/ls,ls"},
+                                                        {"user", "root"}}) {
+    EXPECT_NE(addFilterCriterion(what, value, &filter), "") << what << " " << value;
+  }
+  EXPECT_EQ(filter.describe(), "kind=exec");
+
+  std::vector<std::string> args{"lumo-refdaemon", "--kind", "exec", "--pid=3,4", "--kind", "bogus"};
+  std::vector<char*> argv;
+  for (std::string& arg : args) argv.push_back(arg.data());
+  Options options;
+  EXPECT_NE(parseOptions(static_cast<int>(argv.size()), argv.data(), &options), "");
+  argv.pop_back();
+  argv.pop_back();
+  Options good;
+  EXPECT_EQ(parseOptions(static_cast<int>(argv.size()), argv.data(), &good), "");
+  EXPECT_EQ(good.settings.filter.describe(), "kind=exec pid=3,4");
+  EXPECT_NE(runCommand("filter pid", *RefDaemon::create({}, [](const std::string&) {})).error,
+            "");
 }
 
 TEST(RefDaemonMounts, NetworkAndBlockDeviceMountsAreAnnouncedByKind) {

@@ -2,6 +2,7 @@
 
 #include <vector>
 
+#include "refdaemon/jsonline.h"
 #include "refdaemon/mountscan.h"
 
 namespace lumo::refdaemon {
@@ -17,6 +18,13 @@ const char* const kCommandHelp =
     "  clear-mounts\n"
     "  announce-mounts                 rescan /proc/self/mountinfo, push the table anew\n"
     "  verdict FILE allow|block        print-job verdict for a spooled data file\n"
+    "  filter kind|path|pid|exe LIST   print only matching events (see --help);\n"
+    "                                  criteria add up, values in a list are\n"
+    "                                  alternatives\n"
+    "  filter clear                    print every event again\n"
+    "  filter                          show the filter\n"
+    "  stats                           events received and shown per kind, the\n"
+    "                                  links, drops the extension counted\n"
     "  help, quit\n";
 
 namespace {
@@ -35,7 +43,23 @@ std::string_view firstWord(std::string_view line, std::string_view* rest) {
   return line.substr(0, space);
 }
 
-CommandResult failed(std::string error) { return CommandResult{std::move(error), false, false}; }
+CommandResult failed(std::string error) {
+  CommandResult result;
+  result.error = std::move(error);
+  return result;
+}
+
+CommandResult answered(std::string output) {
+  CommandResult result;
+  result.output = std::move(output);
+  return result;
+}
+
+CommandResult asking(bool CommandResult::*what) {
+  CommandResult result;
+  result.*what = true;
+  return result;
+}
 
 CommandResult exclude(std::string_view args, RefDaemon& daemon) {
   std::string_view value;
@@ -57,6 +81,21 @@ CommandResult exclude(std::string_view args, RefDaemon& daemon) {
   return {};
 }
 
+CommandResult filter(std::string_view args, RefDaemon& daemon) {
+  std::string_view values;
+  const std::string_view what = firstWord(args, &values);
+  if (what.empty()) return answered(JsonLine().text("filter", daemon.filter().describe()).str());
+  if (what == "clear" && values.empty()) {
+    daemon.setFilter({});
+    return {};
+  }
+  EventFilter changed = daemon.filter();
+  std::string error = addFilterCriterion(what, values, &changed);
+  if (!error.empty()) return failed(std::move(error));
+  daemon.setFilter(std::move(changed));
+  return {};
+}
+
 CommandResult verdict(std::string_view args, RefDaemon& daemon) {
   const size_t space = args.find_last_of(" \t");
   if (space == std::string_view::npos) return failed("verdict takes FILE allow|block");
@@ -75,8 +114,10 @@ CommandResult runCommand(std::string_view line, RefDaemon& daemon) {
   std::string_view args;
   const std::string_view command = firstWord(trimmed(line), &args);
   if (command.empty()) return {};
-  if (command == "help") return CommandResult{{}, true, false};
-  if (command == "quit") return CommandResult{{}, false, true};
+  if (command == "help") return asking(&CommandResult::help);
+  if (command == "quit") return asking(&CommandResult::quit);
+  if (command == "stats" && args.empty()) return asking(&CommandResult::stats);
+  if (command == "filter") return filter(args, daemon);
   if (command == "policy") {
     PolicySwitches policy = daemon.policy();
     std::string error = applyPolicyText(args, &policy);

@@ -14,6 +14,8 @@ struct CommandResult {
   std::string error;  // what was wrong with the line; empty when it was carried out
   bool help = false;  // the line asked for kCommandHelp
   bool quit = false;
+  bool stats = false;  // the line asked for the daemon's statsLine()
+  std::string output;  // a line to print in answer, if any
 };
 
 // Carries out one command line on the daemon; blank lines do nothing.

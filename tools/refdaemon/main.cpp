@@ -66,11 +66,13 @@ class LineWriter {
   bool dirty_ = false;
 };
 
-void readCommands(RefDaemon& daemon, LineWriter& out) {
+void readCommands(RefDaemon& daemon, const Options& options, LineWriter& out) {
   std::string line;
   while (std::getline(std::cin, line)) {
     const CommandResult result = runCommand(line, daemon);
     if (!result.error.empty()) out.write(JsonLine().text("error", result.error).str());
+    if (!result.output.empty()) out.write(result.output);
+    if (result.stats) out.write(daemon.statsLine(options.metricsFile));
     if (result.help) std::fputs(kCommandHelp, stderr);
     if (result.quit) {
       kill(getpid(), SIGTERM);
@@ -127,7 +129,7 @@ int main(int argc, char** argv) {
                 .text("listening", listener.socketPath())
                 .flag("privileged", options.privileged)
                 .str());
-  std::thread([daemon] { readCommands(*daemon, out); }).detach();
+  std::thread([daemon, options] { readCommands(*daemon, options, out); }).detach();
 
   int signal = 0;
   sigwait(&stopSignals, &signal);

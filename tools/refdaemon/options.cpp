@@ -2,6 +2,9 @@
 
 #include <getopt.h>
 
+#include <cstdlib>
+
+#include "refdaemon/extensiondrops.h"
 
 namespace lumo::refdaemon {
 
@@ -24,6 +27,19 @@ const char* const kUsage =
     "                         removable per /sys/block/<disk>/removable, network by\n"
     "                         file system type)\n"
     "  --print-verdict V      answer every print event at once: allow or block\n"
+    "  --kind LIST            print only these kinds of event: exec, exit, file,\n"
+    "                         print (comma-separated; repeatable)\n"
+    "  --path DIR             print only events with a path under DIR: a process's\n"
+    "                         executable, a file event's names, a print job's\n"
+    "                         data file (repeatable)\n"
+    "  --pid LIST             print only events of these processes (repeatable)\n"
+    "  --exe PATH             print only events of processes running PATH; file\n"
+    "                         and print events by their pid's last exec seen, else\n"
+    "                         /proc/PID/exe (repeatable)\n"
+    "                         Filters of different kinds must all hold.\n"
+    "  --metrics-file FILE    the extension's metrics file, read by the stats\n"
+    "                         command for its drops (default $LUMO_METRICS_FILE,\n"
+    "                         else /var/lib/prometheus/node-exporter/lumo-es.prom)\n"
     "  --reject               answer registrations NO (nothing is pushed then)\n"
     "  --unprivileged         admit extensions not running as root\n"
     "  --runtime-dir DIR      where the socket goes (default $LUMO_RUNTIME_DIR, else\n"
@@ -36,7 +52,9 @@ const char* const kUsage =
     "entries in order and numbers tagged by kind ({\"int\":2}, {\"uint\":12},\n"
     "{\"longlong\":-1}, {\"ulonglong\":5}, {\"bool\":true}); {\"sent\":SELECTOR,...}\n"
     "for each push; {\"reply\":SELECTOR,...} for the extension's answers;\n"
-    "{\"connection\":\"accepted\"|\"closed\",...}; {\"error\":TEXT} for a bad command.\n";
+    "{\"connection\":\"accepted\"|\"closed\",...}; {\"error\":TEXT} for a bad command;\n"
+    "{\"stats\":{...}} for the stats command. Enum numbers have the schema's name\n"
+    "beside them: \"fileop\":{\"int\":6},\"fileop_name\":\"kFileRename\".\n";
 
 namespace {
 
@@ -54,6 +72,11 @@ enum Option : int {
   kService,
   kVerbose,
   kHelp,
+  kKind,
+  kPath,
+  kPid,
+  kExe,
+  kMetricsFile,
 };
 
 const option kLongOptions[] = {
@@ -70,6 +93,11 @@ const option kLongOptions[] = {
     {"service", required_argument, nullptr, kService},
     {"verbose", no_argument, nullptr, kVerbose},
     {"help", no_argument, nullptr, kHelp},
+    {"kind", required_argument, nullptr, kKind},
+    {"path", required_argument, nullptr, kPath},
+    {"pid", required_argument, nullptr, kPid},
+    {"exe", required_argument, nullptr, kExe},
+    {"metrics-file", required_argument, nullptr, kMetricsFile},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -118,11 +146,27 @@ std::string parseOptions(int argc, char* const* argv, Options* options) {
       case kService: options->serviceName = optarg; break;
       case kVerbose: options->verbose = true; break;
       case kHelp: options->help = true; break;
+      case kKind:
+      case kPath:
+      case kPid:
+      case kExe: {
+        const char* what = c == kKind ? "kind" : c == kPath ? "path" : c == kPid ? "pid" : "exe";
+        std::string error = addFilterCriterion(what, optarg, &options->settings.filter);
+        if (!error.empty()) return error;
+        break;
+      }
+      case kMetricsFile: options->metricsFile = optarg; break;
       case ':': return std::string("option ") + argv[optind - 1] + " needs a value";
       default: return std::string("unknown option ") + argv[optind - 1];
     }
   }
   if (optind < argc) return std::string("unexpected argument ") + argv[optind];
+  if (options->metricsFile.empty()) {
+    const char* fromEnvironment = std::getenv("LUMO_METRICS_FILE");
+    options->metricsFile = fromEnvironment != nullptr && *fromEnvironment != '\0'
+                               ? fromEnvironment
+                               : kDefaultMetricsFile;
+  }
   return {};
 }
 

@@ -11,6 +11,7 @@ struct Options {
   std::string serviceName = "com.tarvex.lumo.protectiond.xpc";
   std::string runtimeDir;  // empty: $LUMO_RUNTIME_DIR, else /run/tarvex
   bool privileged = true;
+  std::string metricsFile;  // the extension's, for stats
   bool announceMounts = false;
   bool verbose = false;
   bool help = false;

@@ -1,9 +1,15 @@
 #include "refdaemon/refdaemon.h"
 
 #include <algorithm>
+#include <unistd.h>
+
 #include <chrono>
+#include <fstream>
+#include <sstream>
 #include <utility>
 
+#include "refdaemon/eventnames.h"
+#include "refdaemon/extensiondrops.h"
 #include "refdaemon/jsonline.h"
 #include "xpc/selectors.h"
 
@@ -75,6 +81,7 @@ void RefDaemon::accept(std::shared_ptr<DaemonConnection> connection) {
     std::lock_guard lock(mutex_);
     id = nextPeerId_++;
     peers_[id] = peer;
+    ++accepted_;
   }
   connection->setInvalidationHandler([weak, id] {
     if (std::shared_ptr<RefDaemon> self = weak.lock()) self->onClosed(id);
@@ -108,6 +115,7 @@ void RefDaemon::onClosed(uint64_t id) {
     if (it == peers_.end()) return;
     peer = std::move(it->second);
     peers_.erase(it);
+    ++closed_;
   }
   out_(JsonLine().text("connection", "closed").number("peer_pid", peer->pid()).str());
 }
@@ -127,13 +135,102 @@ void RefDaemon::onRegister(Peer& peer, const ReplyBlock& reply) {
 }
 
 void RefDaemon::onEvent(Peer& peer, const char* selector, const Dictionary& event) {
-  out_(JsonLine().text("event", selector).entries(event).str());
+  std::unique_lock lock(mutex_);
+  if (shownLocked(selector, event)) {
+    lock.unlock();
+    JsonLine line;
+    line.text("event", selector);
+    appendEventEntries(line, event);
+    out_(line.str());
+    lock.lock();
+  }
   if (selector != std::string_view(selectors::kHandlePrinterEvent)) return;
-  std::lock_guard lock(mutex_);
   const tarvex::itx::xpc::Value* file = event.find("filename");
   if (settings_.printVerdict && file && file->string()) {
     pushVerdictLocked(peer, *file->string(), *settings_.printVerdict);
   }
+}
+
+bool RefDaemon::shownLocked(const char* selector, const Dictionary& event) {
+  const std::optional<EventKind> kind = eventKindOfSelector(selector);
+  if (!kind) return true;
+  Counts& counts = counts_[*kind];
+  ++counts.received;
+  const tarvex::itx::xpc::Value* pid = event.find("pid");
+  const tarvex::itx::xpc::Value* path = event.find("path");
+  const bool shown =
+      settings_.filter.matches(*kind, event, [this](uint64_t p) { return executableLocked(p); });
+  // Kept after the filter saw the event: an exit still knows its executable.
+  if (pid != nullptr && pid->number() != nullptr) {
+    if (*kind == EventKind::Exec && path != nullptr && path->string() != nullptr) {
+      // Bounded: a missed exit must not grow it for ever.
+      if (executables_.size() >= 65536) executables_.clear();
+      executables_[pid->number()->bits] = *path->string();
+    } else if (*kind == EventKind::Exit) {
+      executables_.erase(pid->number()->bits);
+    }
+  }
+  if (shown) ++counts.shown;
+  return shown;
+}
+
+std::optional<std::string> RefDaemon::executableLocked(uint64_t pid) const {
+  if (auto it = executables_.find(pid); it != executables_.end()) return it->second;
+  // Started before this daemon saw its exec: ask /proc, while it lives.
+  char target[4096];
+  const std::string link = "/proc/" + std::to_string(pid) + "/exe";
+  const ssize_t n = readlink(link.c_str(), target, sizeof target - 1);
+  if (n <= 0) return std::nullopt;
+  return std::string(target, static_cast<size_t>(n));
+}
+
+void RefDaemon::setFilter(EventFilter filter) {
+  std::lock_guard lock(mutex_);
+  settings_.filter = std::move(filter);
+}
+
+EventFilter RefDaemon::filter() const {
+  std::lock_guard lock(mutex_);
+  return settings_.filter;
+}
+
+std::string RefDaemon::statsLine(const std::string& metricsFile) const {
+  JsonLine events;
+  JsonLine link;
+  std::string filter;
+  {
+    std::lock_guard lock(mutex_);
+    for (EventKind kind : kEventKinds) {
+      auto it = counts_.find(kind);
+      const Counts counts = it != counts_.end() ? it->second : Counts{};
+      events.raw(eventKindName(kind), JsonLine()
+                                          .number("received", static_cast<long long>(counts.received))
+                                          .number("shown", static_cast<long long>(counts.shown))
+                                          .str());
+    }
+    link.number("registered", static_cast<long long>(registeredLocked().size()))
+        .number("accepted", static_cast<long long>(accepted_))
+        .number("closed", static_cast<long long>(closed_));
+    filter = settings_.filter.describe();
+  }
+  JsonLine drops;
+  std::ifstream file(metricsFile);
+  if (file) {
+    std::stringstream text;
+    text << file.rdbuf();
+    for (const auto& [series, value] : dropSamples(text.str())) {
+      drops.number(series, static_cast<long long>(value));
+    }
+  }
+  return JsonLine()
+      .raw("stats", JsonLine()
+                        .raw("events", events.str())
+                        .text("filter", filter)
+                        .raw("link", link.str())
+                        .raw("extension_drops", file ? drops.str() : "null")
+                        .text("metrics_file", metricsFile)
+                        .str())
+      .str();
 }
 
 void RefDaemon::setPolicy(const PolicySwitches& policy) {

@@ -6,9 +6,11 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <unordered_map>
 #include <string>
 #include <vector>
 
+#include "refdaemon/eventfilter.h"
 #include "refdaemon/pushconfig.h"
 #include "xpc/daemonconnection.h"
 
@@ -16,7 +18,8 @@ namespace lumo::refdaemon {
 
 // Stands in for the protection daemon on Linux. It answers the extension's
 // registration (YES, or NO when told to reject), reports every call it
-// receives and every reply as one JSON line, and pushes policy, exclusions,
+// receives (those its filter lets through) and every reply as one JSON
+// line, keeps counts for `stats`, and pushes policy, exclusions,
 // mount points and print verdicts: the configured ones to each extension as
 // it registers, changes to every registered extension at once. Policy and
 // exclusions carry a fresh, increasing timestamp (nanoseconds since the
@@ -29,6 +32,7 @@ class RefDaemon : public std::enable_shared_from_this<RefDaemon> {
     std::optional<std::vector<Exclusion>> exclusions;  // pushed when set, even empty
     std::vector<Mount> mounts;                         // pushed after a clearMountPoints
     std::optional<bool> printVerdict;                  // answer to every print event
+    EventFilter filter;                                // which events are printed
   };
   // Takes each output line; called from several threads, one line at a time.
   using Output = std::function<void(const std::string& line)>;
@@ -55,6 +59,12 @@ class RefDaemon : public std::enable_shared_from_this<RefDaemon> {
   void replaceMounts(std::vector<Mount> mounts);
   void sendVerdict(const std::string& file, bool allow);
 
+  void setFilter(EventFilter filter);
+  EventFilter filter() const;
+  // {"stats":{...}}: events received and shown per kind, the links, and
+  // the drops the extension counted in its metrics file, when there is one.
+  std::string statsLine(const std::string& metricsFile) const;
+
  private:
   class Peer;
   using PeerRef = std::shared_ptr<Peer>;
@@ -63,6 +73,8 @@ class RefDaemon : public std::enable_shared_from_this<RefDaemon> {
 
   void onRegister(Peer& peer, const tarvex::itx::xpc::ReplyBlock& reply);
   void onEvent(Peer& peer, const char* selector, const tarvex::itx::xpc::Dictionary& event);
+  bool shownLocked(const char* selector, const tarvex::itx::xpc::Dictionary& event);
+  std::optional<std::string> executableLocked(uint64_t pid) const;
   void onClosed(uint64_t id);
 
   uint64_t nextTimestampLocked();
@@ -82,6 +94,15 @@ class RefDaemon : public std::enable_shared_from_this<RefDaemon> {
   uint64_t lastTimestamp_ = 0;
   uint64_t nextPeerId_ = 1;
   std::map<uint64_t, PeerRef> peers_;
+  struct Counts {
+    uint64_t received = 0;
+    uint64_t shown = 0;
+  };
+  std::map<EventKind, Counts> counts_;
+  uint64_t accepted_ = 0;
+  uint64_t closed_ = 0;
+  // Executables by pid, from exec events, for filtering the others.
+  std::unordered_map<uint64_t, std::string> executables_;
 };
 
 }  // namespace lumo::refdaemon

@@ -14,6 +14,9 @@
 #include "log/systemsink.h"
 #include "rtn/platform.h"
 #include "rtnmac/productroot.h"
+#include "service/servicenotifier.h"
+#include "service/servicestatus.h"
+#include "setup/entryoptions.h"
 #include "setup/facility.h"
 #include "watchdog/stallwatchdog.h"
 #include "xpc/unixsocketconnector.h"
@@ -37,16 +40,20 @@ bool flagSet(const char* variable) {
 //   LUMO_LOG_STDERR=1    log to stderr even when the journal is there
 //   LUMO_PRODUCT_ROOT=D  look for the product's folders under D
 //   LUMO_RUNTIME_DIR=D   the daemon's socket lives in D (default /run/tarvex)
-bool installPlatform(int /*argc*/, char** /*argv*/) {
+//   LUMO_METRICS_FILE=F  write the counters to F in the Prometheus text format
+bool installPlatform(int argc, char** argv) {
+  linux_platform::answerEntryOptions(argc, argv);
   // Few cores and bursts of short tasks on many threads: an arena per
   // thread would keep each burst's memory resident in every one of them.
   mallopt(M_ARENA_MAX, 2);
   log::ILogSink* sink = flagSet("LUMO_LOG_STDERR")
                             ? new log::linux_platform::StderrSink()
                             : log::linux_platform::makeSystemSink().release();
-  log::setSink(sink);
+  // The service status reads the mode and tiers off the log.
+  log::setSink(new linux_platform::StatusTap(*sink));
   log::setDebugEnabled(flagSet("LUMO_LOG_DEBUG"));
-  // Forked while this process has no threads of its own yet.
+  // Forked before the platform starts its threads: the child copies
+  // little and holds no lock of theirs.
   linux_platform::startStallWatchdog();
   if (const char* root = std::getenv("LUMO_PRODUCT_ROOT")) rtnmac::setProductRoot(root);
 
@@ -59,7 +66,7 @@ bool installPlatform(int /*argc*/, char** /*argv*/) {
     return false;
   }
   auto* connector = new xpc::linux_platform::UnixSocketConnector();
-  setPlatform({es, dispatch, clock, connector});
+  setPlatform({es, &linux_platform::startServiceSide(*dispatch), clock, connector});
   return true;
 }
 

@@ -15,6 +15,7 @@
 #include "dispatch/threadname.h"
 #include "log/log.h"
 #include "xpc/framecodec.h"
+#include "xpc/linkcounters.h"
 #include "xpc/peercheck.h"
 #include "xpc/seqpacket.h"
 
@@ -64,12 +65,25 @@ bool waitForLinkThreads(std::chrono::milliseconds timeout) {
 
 LinkChannel::LinkChannel(Settings settings)
     : settings_(std::move(settings)),
+      counted_(settings_.connectedFd < 0),
       wakeFd_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
       fd_(settings_.connectedFd) {}
 
 LinkChannel::~LinkChannel() {
   if (fd_ >= 0) ::close(fd_);
   if (wakeFd_ >= 0) ::close(wakeFd_);
+}
+
+void LinkChannel::countQueued(const std::string& selector) const {
+  const int kind = counted_ ? eventKindOf(selector) : -1;
+  if (kind >= 0) linkCounters().eventsQueued[kind].fetch_add(1, std::memory_order_relaxed);
+}
+
+void LinkChannel::countDropped(const std::string& selector, bool queueFull) const {
+  if (!counted_) return;
+  if (queueFull) linkCounters().sendQueueDrops.fetch_add(1, std::memory_order_relaxed);
+  const int kind = eventKindOf(selector);
+  if (kind >= 0) linkCounters().eventsDropped[kind].fetch_add(1, std::memory_order_relaxed);
 }
 
 void LinkChannel::setInbound(Inbound inbound) {
@@ -121,16 +135,22 @@ void LinkChannel::send(CallFrame call, ReplyBlock reply, ErrorHandler onError) {
     if (bytes && !dead_) {
       if (outbox_.size() >= kMaxQueuedFrames) {
         firstDrop = droppedWhileFull_++ == 0;
+        countDropped(call.selector, true);
       } else {
         if (call.replyId) awaited_[*call.replyId] = {std::move(reply), onError};
         outbox_.push_back({std::move(*bytes), call.selector, call.replyId, std::move(onError)});
+        countQueued(call.selector);
         if (!deferred) wakeLocked();
         return;
       }
-    } else if (onError) {
-      const std::string text = bytes ? deadReason_ : "cannot send " + call.selector + ": " + error;
-      tasks_.push_back([onError = std::move(onError), text] { onError(text); });
-      wakeLocked();
+    } else {
+      if (bytes) countDropped(call.selector, false);
+      if (onError) {
+        const std::string text =
+            bytes ? deadReason_ : "cannot send " + call.selector + ": " + error;
+        tasks_.push_back([onError = std::move(onError), text] { onError(text); });
+        wakeLocked();
+      }
     }
   }
   if (!bytes) {
@@ -221,6 +241,8 @@ std::optional<LinkChannel::End> LinkChannel::connect(std::string* why) {
     return End::Failed;
   }
   established_ = true;
+  linkCounters().established.fetch_add(1);
+  linkCounters().connections.fetch_add(1);
   LOG_DEBUG("Connected to %{public}s, peer pid %d\n", settings_.serviceName.c_str(),
             static_cast<int>(peer.pid));
   return std::nullopt;
@@ -481,6 +503,10 @@ void LinkChannel::finish(End end, const std::string& why) {
                       : "the connection to " + settings_.serviceName + " is invalid: " + why;
     unsent.swap(outbox_);
     awaited.swap(awaited_);
+  }
+  if (counted_) {
+    if (established_) linkCounters().established.fetch_sub(1);
+    for (const Outgoing& out : unsent) countDropped(out.selector, false);
   }
   if (end == End::Failed && !established_) {
     LOG_ERROR("No link to %{public}s: %{public}s\n", settings_.serviceName.c_str(), why.c_str());

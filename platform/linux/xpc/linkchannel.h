@@ -104,8 +104,12 @@ class LinkChannel : public rtn::linux_platform::Wakeable,
   // Runs a caller's code on the link's thread unless the owner has gone.
   void runUnlessClosed(const std::function<void()>& handler);
   void serveLateCalls();
+  // The extension's ends count what they send (linkcounters.h).
+  void countQueued(const std::string& selector) const;
+  void countDropped(const std::string& selector, bool queueFull) const;
 
   const Settings settings_;
+  const bool counted_;
   const int wakeFd_;
   std::atomic<uint64_t> nextReplyId_{1};
 
