@@ -31,7 +31,7 @@ std::string schemaName(const std::string& key, const Number& number) {
 
 void appendEventEntries(JsonLine& line, const Dictionary& event) {
   for (const DictEntry& e : event.entries) {
-    line.raw(e.key, jsonValue(e.value));
+    line.entry(e.key, e.value);
     const Number* number = e.value.number();
     if (number == nullptr) continue;
     const std::string name = schemaName(e.key, *number);

@@ -97,16 +97,19 @@ JsonLine& JsonLine::flag(std::string_view key, bool value) {
   return raw(key, value ? "true" : "false");
 }
 
-JsonLine& JsonLine::entries(const Dictionary& dictionary) {
-  for (const DictEntry& e : dictionary.entries) {
-    raw(e.key, jsonValue(e.value));
-    // A name the extension had to escape: its original bytes beside it.
-    const std::string* s = e.value.string();
-    if (s != nullptr && s->find('\\') != std::string::npos) {
-      const std::string original = unescapeBytes(*s);
-      if (original != *s) text(e.key + "_bytes", hexBytes(original));
-    }
+JsonLine& JsonLine::entry(const std::string& key, const Value& value) {
+  raw(key, jsonValue(value));
+  // A name the extension had to escape: its original bytes beside it.
+  const std::string* s = value.string();
+  if (s != nullptr && s->find('\\') != std::string::npos) {
+    const std::string original = unescapeBytes(*s);
+    if (original != *s) text(key + "_bytes", hexBytes(original));
   }
+  return *this;
+}
+
+JsonLine& JsonLine::entries(const Dictionary& dictionary) {
+  for (const DictEntry& e : dictionary.entries) entry(e.key, e.value);
   return *this;
 }
 

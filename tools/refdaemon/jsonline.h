@@ -24,6 +24,9 @@ class JsonLine {
   JsonLine& text(std::string_view key, std::string_view value);
   JsonLine& number(std::string_view key, long long value);
   JsonLine& flag(std::string_view key, bool value);
+  // One member; beside a string the extension escaped (not UTF-8 as
+  // named), KEY_bytes with the original bytes in hex.
+  JsonLine& entry(const std::string& key, const tarvex::itx::xpc::Value& value);
   // Appends a dictionary's entries as members of this object.
   JsonLine& entries(const tarvex::itx::xpc::Dictionary& dictionary);
   std::string str() const { return body_ + "}"; }
