@@ -66,6 +66,8 @@ cleanup() {
     rmdir "$dir" 2>/dev/null
   done
   rm -rf /run/systemd/nspawn/propagate/"$name" /run/systemd/nspawn/unix-export/"$name" "$work"
+  # nspawn's own folders, when no other container uses them.
+  rmdir /run/systemd/nspawn/* /run/systemd/nspawn 2>/dev/null
 }
 trap cleanup EXIT
 trap "exit 130" INT TERM
