@@ -66,6 +66,8 @@ cleanup() {
     rmdir "$dir" 2>/dev/null
   done
   rm -rf /run/systemd/nspawn/propagate/"$name" /run/systemd/nspawn/unix-export/"$name" "$work"
+  # nspawn's own folders, when no other container uses them.
+  rmdir /run/systemd/nspawn/* /run/systemd/nspawn 2>/dev/null
 }
 trap cleanup EXIT
 trap "exit 130" INT TERM
@@ -125,17 +127,17 @@ inside sh -c "cd /srv/lumo && DEBIAN_FRONTEND=noninteractive apt-get install -y 
 grep -E "^(Setting up|Created symlink)" "$work/install.log" || true
 
 step "active (running) with its status"
+# The permission group opens once the daemon's policy asks for print checks.
 status=""
+wanted='Status: "mode normal;.*auth=fanotify.*link up'
 for _ in $(seq 100); do
   status=$(inside systemctl status --no-pager lumo-es 2>/dev/null || true)
-  grep -q "Active: active (running)" <<<"$status" && grep -q "Status: \"mode normal;.*auth=fanotify.*link up" \
-    <<<"$status" && break
+  grep -q "Active: active (running)" <<<"$status" && grep -q "$wanted" <<<"$status" && break
   sleep 0.2
 done
 grep -E "Active:|Status:" <<<"$status" || true
 grep -q "Active: active (running)" <<<"$status" || fail "lumo-es is not active (running)"
-# The permission group opens once the daemon's policy asks for print checks.
-grep -q "Status: \"mode normal;.*auth=fanotify.*link up" <<<"$status" ||
+grep -q "$wanted" <<<"$status" ||
   fail "no status with mode, tiers and link"
 
 step "an exec inside reaches the reference daemon"

@@ -178,10 +178,11 @@ TEST_F(RefDaemonLink, FiltersEventsNamesEnumsAndCountsForStats) {
       << error;
   EXPECT_TRUE(runCommand("stats", *daemon_).stats);
   EXPECT_EQ(daemon_->statsLine(metrics),
-            "{\"stats\":{\"events\":{\"exec\":{\"received\":1,\"shown\":0},\"exit\":{\"received\":0,"
-            "\"shown\":0},\"file\":{\"received\":3,\"shown\":3},\"print\":{\"received\":0,\"shown\":0}},"
-            "\"filter\":\"kind=file exe=/bin/ls\",\"link\":{\"registered\":1,\"accepted\":1,\"closed\":0},"
-            "\"extension_drops\":{\"lumo_es_events_dropped_total{type=\\\"file\\\"}\":3},\"metrics_file\":\"" +
+            "{\"stats\":{\"events\":{\"exec\":{\"received\":1,\"shown\":0},"
+            "\"exit\":{\"received\":0,\"shown\":0},\"file\":{\"received\":3,\"shown\":3},"
+            "\"print\":{\"received\":0,\"shown\":0}},\"filter\":\"kind=file exe=/bin/ls\","
+            "\"link\":{\"registered\":1,\"accepted\":1,\"closed\":0},\"extension_drops\":"
+            "{\"lumo_es_events_dropped_total{type=\\\"file\\\"}\":3},\"metrics_file\":\"" +
                 metrics + "\"}}");
   EXPECT_NE(daemon_->statsLine(dir_ + "/none").find("\"extension_drops\":null"), std::string::npos);
   EXPECT_EQ(runCommand("filter clear", *daemon_).error, "");

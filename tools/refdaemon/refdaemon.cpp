@@ -1,8 +1,8 @@
 #include "refdaemon/refdaemon.h"
 
-#include <algorithm>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <fstream>
 #include <sstream>
@@ -203,10 +203,11 @@ std::string RefDaemon::statsLine(const std::string& metricsFile) const {
     for (EventKind kind : kEventKinds) {
       auto it = counts_.find(kind);
       const Counts counts = it != counts_.end() ? it->second : Counts{};
-      events.raw(eventKindName(kind), JsonLine()
-                                          .number("received", static_cast<long long>(counts.received))
-                                          .number("shown", static_cast<long long>(counts.shown))
-                                          .str());
+      events.raw(eventKindName(kind),
+                 JsonLine()
+                     .number("received", static_cast<long long>(counts.received))
+                     .number("shown", static_cast<long long>(counts.shown))
+                     .str());
     }
     link.number("registered", static_cast<long long>(registeredLocked().size()))
         .number("accepted", static_cast<long long>(accepted_))
