@@ -195,7 +195,11 @@ if [ -n "${LUMO_BENCH_STORM:-}" ]; then
   sample_threads "$out/threads" &
   sampler=$!
   start=$(date +%s.%N)
-  for _ in 1 2 3 4; do bash -c 'for i in $(seq 1500); do /bin/true; done' & done
+  loops=()
+  for _ in 1 2 3 4; do
+    bash -c 'for i in $(seq 1500); do /bin/true; done' &
+    loops+=($!)
+  done
   for k in 1 2; do
     /usr/bin/python3 -c "import os
 os.chdir('$work/files')
@@ -204,9 +208,9 @@ for i in range(25000):
     with open(n, 'w') as f: f.write('data')
     os.rename(n, 'g' + n)
     os.unlink('g' + n)" &
+    loops+=($!)
   done
-  # The sampler stays out of the wait: it ends when told.
-  for job in $(jobs -p); do [ "$job" = "$sampler" ] || wait "$job" 2>/dev/null || true; done
+  wait "${loops[@]}"
   took=$(echo "$(date +%s.%N) - $start" | bc)
   peak=$(rss_kb VmHWM)
   sleep 30
