@@ -124,13 +124,17 @@ void SysExtXPCClient::registerWithServiceName(const std::string& serviceName,
   }
   connection->resume();
 
-  // The handlers belong to this connection; a late one from an older
-  // connection must not touch its successor.
+  // An interruption ends the link's current connection; recovery goes
+  // through its invalidation. The interrupted one, held weakly, is ended
+  // too should it be an older one, so that it never lingers half alive.
   std::weak_ptr<IXPCConnection> weak = connection;
-  connection->setInterruptionHandler([weak] {
+  connection->setInterruptionHandler([this, weak] {
     LOG_ERROR_AT("-[SysExtXPCClient registerWithServiceName:withCompletionHandler:]_block_invoke",
                  "Interruption. Remote process stopped !\n");
-    if (ConnectionRef c = weak.lock()) c->invalidate();
+    const ConnectionRef current = link().first;
+    if (current) current->invalidate();
+    const ConnectionRef interrupted = weak.lock();
+    if (interrupted && interrupted != current) interrupted->invalidate();
   });
   connection->setInvalidationHandler([this] {
     LOG_ERROR_AT("-[SysExtXPCClient registerWithServiceName:withCompletionHandler:]_block_invoke_2",
