@@ -357,6 +357,8 @@ check_shared_types() {
   shared=$(comm -12 "$out/shared/cpp-headers" "$out/shared/objc-headers")
   echo "   $(echo "$shared" | grep -c .) headers shared by C++ and Objective-C++"
   [ -n "$shared" ] || return 0
+  # One regular expression: each header, quoted and anchored at its end.
+  # shellcheck disable=SC2016
   pattern=$(echo "$shared" | sed 's/[.[\*^$()+?{}|]/\\&/g; s/$/$/' | paste -sd '|')
   held_pointer_query "$pattern" >"$out/shared/held.query"
   query_records objective-c++ "$out/shared/held.query" "${mm_srcs[@]}" >"$out/shared/held"
