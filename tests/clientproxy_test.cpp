@@ -219,7 +219,11 @@ TEST_F(XPCLink, NoReconnectionAfterStopOrWithoutTheProduct) {
 
   install(false);
   xpc().start(proxy.get());
-  dropConnection();
+  // Whichever connection reports an interruption, the current one ends.
+  first->interruption();
+  auto& current = *connector.opened.back().connection;
+  EXPECT_TRUE(current.invalidated);
+  current.invalidation();
   EXPECT_TRUE(dispatch.pendingTimers().empty());
 
   // A reconnection already scheduled when the link stops does nothing.

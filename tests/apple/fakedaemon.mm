@@ -5,6 +5,8 @@
   NSMutableArray<NSDictionary*>* _events;
 }
 
+@synthesize answer = _answer;
+
 - (instancetype)init {
   if ((self = [super init])) {
     _selectors = [NSMutableArray array];

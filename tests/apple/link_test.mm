@@ -122,13 +122,14 @@ TEST(RemoteDaemon, EventsGoToTheirSelectorsWithTheirNumbersKinds) {
   ];
   EXPECT_NSEQ(fake.selectors, selectors);
   ASSERT_EQ(fake.events.count, 4u);
-  NSDictionary* event = fake.events[0];
-  EXPECT_EQ(event.count, 8u);
-  EXPECT_STREQ([event[@"fileop"] objCType], @encode(int));
-  EXPECT_EQ([event[@"fileop"] intValue], sysext::kFileCloseModified);
-  EXPECT_EQ([event[@"filesize"] unsignedLongLongValue], UINT64_MAX);
-  EXPECT_EQ([event[@"pid"] longLongValue], 4294967295LL);
-  EXPECT_EQ([fake.events[1][@"timestamp"] unsignedLongLongValue], 0x8000000000000001ull);
+  NSDictionary<NSString*, NSNumber*>* fileDict = fake.events[0];
+  NSDictionary<NSString*, NSNumber*>* startDict = fake.events[1];
+  EXPECT_EQ(fileDict.count, 8u);
+  EXPECT_STREQ(fileDict[@"fileop"].objCType, @encode(int));
+  EXPECT_EQ(fileDict[@"fileop"].intValue, sysext::kFileCloseModified);
+  EXPECT_EQ(fileDict[@"filesize"].unsignedLongLongValue, UINT64_MAX);
+  EXPECT_EQ(fileDict[@"pid"].longLongValue, 4294967295LL);
+  EXPECT_EQ(startDict[@"timestamp"].unsignedLongLongValue, 0x8000000000000001ull);
   // Registration answers across a connection are the link test's; an empty
   // reply block is allowed, and the daemon's answer dropped.
   daemon->registerWithCompletionHandler(nullptr);
@@ -142,6 +143,9 @@ TEST(RemoteDaemon, EventsGoToTheirSelectorsWithTheirNumbersKinds) {
 @end
 
 @implementation LumoTestListenerDelegate
+@synthesize daemon = _daemon;
+@synthesize accepted = _accepted;
+
 - (BOOL)listener:(NSXPCListener*)listener shouldAcceptNewConnection:(NSXPCConnection*)connection {
   (void)listener;
   connection.exportedInterface =

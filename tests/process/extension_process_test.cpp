@@ -34,6 +34,14 @@ constexpr const char* kReconnecting = "Error: Attempting reconnection after disc
 constexpr const char* kSubscribed = "es: subscribe 9,11,15\n";
 const Dictionary kDataProtection = policyDict(true, false, false);
 
+// ThreadSanitizer defers signal handlers and runs those pending together
+// lowest-numbered first; its builds raise them one after the other.
+#if defined(__SANITIZE_THREAD__)
+constexpr bool kHandlersInKernelOrder = false;
+#else
+constexpr bool kHandlersInKernelOrder = true;
+#endif
+
 // Whether each text occurs in the file after the one before it.
 bool inOrder(const std::string& path, std::initializer_list<const char*> texts) {
   std::stringstream all;
@@ -125,10 +133,16 @@ TEST_F(ExtensionProcess, SignalsSleepWakeAndUninstall) {
   ASSERT_TRUE(extensionSide);
   ASSERT_EQ(push(*extensionSide, 1, kDataProtection), true);
 
-  ASSERT_TRUE(extension->suspend());
-  extension->signal(SIGUSR2);
-  extension->signal(SIGUSR1);
-  extension->signal(SIGCONT);
+  if (kHandlersInKernelOrder) {
+    ASSERT_TRUE(extension->suspend());
+    extension->signal(SIGUSR2);
+    extension->signal(SIGUSR1);
+    extension->signal(SIGCONT);
+  } else {
+    extension->signal(SIGUSR2);
+    ASSERT_TRUE(extensionLogs("signaled with SIGUSR2.\n"));
+    extension->signal(SIGUSR1);
+  }
   const auto resumed = std::chrono::steady_clock::now();
   ASSERT_TRUE(extensionLogs("Info:  Wakeup procedure finished\n"));
   EXPECT_LE(std::chrono::steady_clock::now() - resumed, milliseconds(11000));

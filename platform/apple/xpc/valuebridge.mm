@@ -14,6 +14,12 @@ NSString* _Nullable toNSString(const std::string& text) {
                                 encoding:NSUTF8StringEncoding];
 }
 
+// `object` as a T, nil when it is of another class.
+template <typename T>
+T* _Nullable as(id _Nullable object) {
+  return [static_cast<NSObject*>(object) isKindOfClass:[T class]] ? static_cast<T*>(object) : nil;
+}
+
 bool isBoolean(NSNumber* number) {
   return CFGetTypeID((__bridge CFTypeRef)number) == CFBooleanGetTypeID();
 }
@@ -99,20 +105,19 @@ std::optional<std::string> fromNSString(NSString* _Nullable string) {
 }
 
 Value fromObjC(id _Nullable object) {
-  if ([object isKindOfClass:[NSString class]]) return Value(*fromNSString(object));
-  if ([object isKindOfClass:[NSNumber class]]) return Value(fromNSNumber(object));
-  if ([object isKindOfClass:[NSDictionary class]]) {
-    NSDictionary* source = object;
+  if (NSString* string = as<NSString>(object)) return Value(*fromNSString(string));
+  if (NSNumber* number = as<NSNumber>(object)) return Value(fromNSNumber(number));
+  if (NSDictionary* source = as<NSDictionary>(object)) {
     Dictionary dictionary;
     dictionary.entries.reserve(source.count);
     for (id key in source) {
-      if (![key isKindOfClass:[NSString class]]) continue;
-      dictionary.entries.push_back({*fromNSString(key), fromObjC(source[key])});
+      NSString* name = as<NSString>(key);
+      if (name == nil) continue;
+      dictionary.entries.push_back({*fromNSString(name), fromObjC(source[name])});
     }
     return Value(std::move(dictionary));
   }
-  if ([object isKindOfClass:[NSArray class]]) {
-    NSArray* source = object;
+  if (NSArray* source = as<NSArray>(object)) {
     Array array;
     array.items.reserve(source.count);
     for (id item in source) array.items.push_back(fromObjC(item));
