@@ -88,12 +88,14 @@ step "boot"
     mkdir -p "$dir" && echo "$BASHPID" >"$dir/cgroup.procs" || true
   done
   export SYSTEMD_NSPAWN_UNIFIED_HIERARCHY=1
+  # nspawn's seccomp filter refuses fanotify, BPF and taking another
+  # process's descriptor (the stall watchdog's pidfd_getfd).
   exec systemd-nspawn --quiet -D "$root" --volatile=overlay --machine="$name" \
     --register=no --keep-unit --private-network --tmpfs=/etc \
     --bind-ro="$work/machine-id:/etc/machine-id" --bind-ro="$work/pkg:/srv/lumo" \
     --bind-ro=/etc/passwd --bind-ro=/etc/group --bind-ro=/etc/apt --bind-ro=/etc/dpkg \
     --bind=/sys/fs/bpf --capability=all \
-    --system-call-filter='bpf perf_event_open fanotify_init fanotify_mark' \
+    --system-call-filter='bpf perf_event_open fanotify_init fanotify_mark pidfd_getfd' \
     -b systemd.firstboot=off systemd.mask=systemd-machine-id-commit.service \
     systemd.mask=systemd-binfmt.service systemd.mask=systemd-modules-load.service
 ) >"$work/nspawn.log" 2>&1 </dev/null 3>&- &
@@ -192,9 +194,12 @@ grep -q "link up" <<<"$status" && ! grep -q "$connections" <<<"$status" ||
 step "the watchdog kills and restarts a stopped lumo-es"
 before=$(inside systemctl show -p MainPID --value lumo-es)
 host_pid=""
+# The main process, by its pid inside (its stall watchdog runs the same
+# program).
 for dir in /proc/[0-9]*; do
   [ "$(readlink "$dir/exe" 2>/dev/null)" = /usr/sbin/lumo-es ] || continue
   [[ $dir/ns/pid -ef /proc/$leader/ns/pid ]] || continue
+  [ "$(awk '/^NSpid:/ {print $NF}' "$dir/status" 2>/dev/null)" = "$before" ] || continue
   host_pid=${dir#/proc/}
 done
 [ -n "$host_pid" ] || fail "lumo-es (pid $before inside) not found"
@@ -229,6 +234,10 @@ done
 timeout_line=$(inside journalctl -q -u lumo-es -o cat | grep -i "watchdog timeout" || true)
 [ -n "$timeout_line" ] || fail "no watchdog timeout in the journal"
 echo "$timeout_line"
+# Long before, its own stall watchdog had released the waiting execs.
+release_line=$(inside journalctl -q -u lumo-es -o cat | grep "Stall watchdog: the permission" || true)
+[ -n "$release_line" ] || fail "the stall watchdog did not release the permission group"
+echo "$release_line"
 echo "restarted: pid $before -> $after"
 
 step "systemctl stop, apt-get purge"
