@@ -115,9 +115,10 @@ void registerFacilityCounters(const LinuxEndpointSecurity& hub, CountingSources 
     auto add = [&out](const char* name, const char* help, const char* labels, uint64_t value) {
       out.push_back({name, help, labels, value});
     };
-    add("lumo_es_events_delivered_total", "Events handed to the clients.", "", c.delivered.load());
-    add("lumo_es_events_unwanted_total", "Events no client subscribed to or all had muted.", "",
-        c.unwanted.load());
+    add("lumo_es_messages_delivered_total", "Facility messages handed to the clients.", "",
+        c.delivered.load());
+    add("lumo_es_messages_unwanted_total",
+        "Facility messages no client subscribed to or all had muted.", "", c.unwanted.load());
     const char* answers = "AUTH answers given to the kernel, by how they came.";
     add("lumo_es_auth_answers_total", answers, "answer=\"allow\"", c.authAllowed.load());
     add("lumo_es_auth_answers_total", answers, "answer=\"deny\"", c.authDenied.load());
