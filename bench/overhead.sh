@@ -78,19 +78,17 @@ trap 'stop_all; rm -rf "$work"' EXIT
 # memory and threads are reported.
 watched=()
 
+# utime plus stime of one process, read past its command name (which may
+# hold spaces); nothing for one that is gone.
+ticks_of() { sed 's/^.*) //' "/proc/$1/stat" 2>/dev/null | awk '{print $12 + $13}'; }
+
 cpu_ticks() {
-  local total=0 p fields
+  local total=0 p c t
   for p in "$@"; do
-    [ -r "/proc/$p/stat" ] || continue
-    # utime and stime, past the command name (which may hold spaces).
-    fields=$(sed 's/^.*) //' "/proc/$p/stat")
-    set -- $fields
-    total=$((total + ${12} + ${13}))
     # The stall watchdog and other children are the monitor's too.
-    for c in $(cat /proc/"$p"/task/*/children 2>/dev/null); do
-      fields=$(sed 's/^.*) //' "/proc/$c/stat" 2>/dev/null) || continue
-      set -- $fields
-      total=$((total + ${12} + ${13}))
+    for c in "$p" $(cat /proc/"$p"/task/*/children 2>/dev/null); do
+      t=$(ticks_of "$c")
+      total=$((total + ${t:-0}))
     done
   done
   echo "$total"

@@ -1,9 +1,10 @@
 #include "watchdog/heartbeat.h"
 
 #include <sys/mman.h>
-#include <time.h>
 
 #include <new>
+
+#include "clock/monotonicclock.h"
 
 namespace tarvex::itx::rtn::linux_platform {
 
@@ -19,11 +20,7 @@ HeartbeatPage& heartbeat() {
   return *page;
 }
 
-uint64_t monotonicNanos() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000ull + static_cast<uint64_t>(now.tv_nsec);
-}
+uint64_t monotonicNanos() { return MonotonicClock().now(); }
 
 bool ProgressCheck::progressing() {
   HeartbeatPage& page = heartbeat();

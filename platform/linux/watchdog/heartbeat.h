@@ -25,7 +25,6 @@ struct HeartbeatPage {
   // read by the extension once it runs again.
   std::atomic<uint64_t> releases{0};
   std::atomic<uint64_t> stalledSince{0};
-  std::atomic<uint64_t> releasedAt{0};
   std::atomic<uint64_t> allowedUnseen{0};  // queued, never read by the extension
   std::atomic<uint64_t> allowedPending{0};  // read and delivered, not yet answered
   // Written by the watchdog: the path has made progress again since the
@@ -37,6 +36,7 @@ struct HeartbeatPage {
 // The process's page: shared with the watchdog once it runs
 // (startStallWatchdog), private until then.
 HeartbeatPage& heartbeat();
+// The page's time base: the timer thread's clock.
 uint64_t monotonicNanos();
 
 // A timer more than this late means the timer thread is stuck: the AUTH

@@ -95,7 +95,6 @@ class Watch {
     const ReleaseCounts counts = releasePermissionGroup(copy, extension_);
     close(copy);
     page_.stalledSince.store(since);
-    page_.releasedAt.store(now);
     page_.allowedUnseen.fetch_add(counts.unseen);
     page_.allowedPending.fetch_add(counts.pending);
     page_.releases.fetch_add(1);
