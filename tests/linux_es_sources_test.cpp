@@ -164,6 +164,7 @@ class Sink : public IEventSink, public IHandleResolver {
     st->st_size = it->second;
     return true;
   }
+  bool statObject(const std::string& key, struct stat* st) override { return stat(key, st); }
   // The lines of what was delivered since the last call.
   Lines lines() {
     Lines out;
@@ -175,7 +176,9 @@ class Sink : public IEventSink, public IHandleResolver {
   std::vector<Message*> delivered;
   size_t taken = 0;
   std::map<std::string, std::string> paths{{keyOf(1), "/media/usb"}, {keyOf(2), "/media/usb/sub"}};
-  std::map<std::string, off_t> sizes{{"/media/usb/a", 5}, {"/media/usb/b", 7}};
+  // By path for directories, by handle for the files events name.
+  std::map<std::string, off_t> sizes{{"/media/usb/a", 5}, {"/media/usb/b", 7}, {keyOf(10), 5},
+                                     {keyOf(11), 7}};
   ProcReader reader{"/nonexistent-proc"};
   ProcessCache cache;
 };
@@ -203,27 +206,30 @@ TEST_F(Decoder, OpensClosesLinksAndDeletesCarryPathsSizesAndTheTrueModifiedFlag)
   r.event(FAN_ATTRIB).fid(10);
   r.event(FAN_CREATE).entry(2, "hard").fid(10);
   r.event(FAN_CREATE).entry(1, "new").fid(12);  // a plain create: no message
-  r.event(FAN_DELETE).entry(1, "a").fid(10);
   EXPECT_EQ(feed(r), (Lines{"open /media/usb/a (5)", "modified /media/usb/a (5)",
                             "close /media/usb/a (5)", "close /media/usb/b (7)",
-                            "modified /media/usb/b (7)", "link /media/usb/a as /media/usb/sub hard",
-                            "unlink /media/usb/a in /media/usb"}));
+                            "modified /media/usb/b (7)", "link /media/usb/a as /media/usb/sub hard"}));
   EXPECT_EQ(audit_token_to_pid(sink.delivered[0]->es.process->audit_token), kPid);
+  // A file deleted within the same read is not looked up: no size.
+  Records gone;
+  gone.event(FAN_MODIFY | FAN_CLOSE_WRITE).entry(1, "b").fid(11);
+  gone.event(FAN_DELETE).entry(1, "b").fid(11);
+  EXPECT_EQ(feed(gone), (Lines{"modified /media/usb/b (0)", "unlink /media/usb/b in /media/usb"}));
 }
 
 TEST_F(Decoder, RenamesTellNewPathOverwriteAndExchangeApart) {
-  // A rename followed by something unrelated: a new path. The moved file's
-  // size is read where it went (nothing at sub/a2, b's at b).
+  // A rename followed by something unrelated: a new path. The size is the
+  // moved file's own, by its handle, wherever its name went.
   Records plain;
   plain.event(FAN_RENAME).from(1, "a").to(2, "a2").fid(10);
   plain.event(FAN_OPEN).entry(1, "b").fid(11);
   EXPECT_EQ(feed(plain),
-            (Lines{"rename /media/usb/a (0) to /media/usb/sub a2", "open /media/usb/b (7)"}));
+            (Lines{"rename /media/usb/a (5) to /media/usb/sub a2", "open /media/usb/b (7)"}));
   // The victim's link count drops right after: an existing file.
   Records over;
   over.event(FAN_RENAME).from(1, "a").to(1, "b").fid(10);
   over.event(FAN_ATTRIB).fid(11);
-  EXPECT_EQ(feed(over), Lines{"rename /media/usb/a (7) over /media/usb/b"});
+  EXPECT_EQ(feed(over), Lines{"rename /media/usb/a (5) over /media/usb/b"});
   // Two mirrored renames of one pid: an exchange, not two renames.
   Records swap;
   swap.event(FAN_RENAME).from(1, "a").to(1, "b").fid(10);
@@ -238,7 +244,7 @@ TEST_F(Decoder, RenamesTellNewPathOverwriteAndExchangeApart) {
   EXPECT_TRUE(decoder.holding());
   decoder.flush();
   EXPECT_FALSE(decoder.holding());
-  EXPECT_EQ(sink.lines(), Lines{"rename /media/usb/b (5) to /media/usb a"});
+  EXPECT_EQ(sink.lines(), Lines{"rename /media/usb/b (7) to /media/usb a"});
 }
 
 TEST_F(Decoder, DroppedAndBadRecordsAreCountedNeverTrusted) {

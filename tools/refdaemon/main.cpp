@@ -1,4 +1,5 @@
 // lumo-refdaemon: the reference daemon (see options.cpp for its usage).
+#include <sched.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -96,6 +97,10 @@ int main(int argc, char** argv) {
     std::fputs(kUsage, stdout);
     return 0;
   }
+  // It only prints what it is sent: its threads, which inherit this, keep a
+  // fair share of the CPU but never preempt a program on waking.
+  const sched_param none{};
+  sched_setscheduler(0, SCHED_BATCH, &none);
   tarvex::itx::log::linux_platform::StderrSink sink;
   tarvex::itx::log::setSink(&sink);
   tarvex::itx::log::setDebugEnabled(options.verbose);

@@ -1,5 +1,6 @@
 #include "dispatch/threadpriority.h"
 
+#include <sched.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -21,9 +22,18 @@ int nicenessOf(QosClass qos) {
   return 0;
 }
 
+bool preemptsOnWake(QosClass qos) {
+  return qos == QosClass::UserInteractive || qos == QosClass::UserInitiated;
+}
+
 void prioritiseThread(QosClass qos) {
   // Per thread on Linux, and inherited by threads it starts: set even when
-  // it is the default.
+  // it is the default. SCHED_BATCH keeps a thread's fair share of the CPU
+  // but never lets its wake-up preempt a running program: a notification
+  // can wait for the next tick, the machine's own work should not wait for
+  // a notification.
+  const sched_param none{};
+  sched_setscheduler(0, preemptsOnWake(qos) ? SCHED_OTHER : SCHED_BATCH, &none);
   setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), nicenessOf(qos));
 }
 

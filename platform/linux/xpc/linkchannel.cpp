@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "dispatch/threadname.h"
+#include "dispatch/threadpriority.h"
 #include "log/log.h"
 #include "xpc/framecodec.h"
 #include "xpc/linkcounters.h"
@@ -199,6 +200,7 @@ void LinkChannel::wakeLocked() {
 
 void LinkChannel::run() {
   rtn::linux_platform::nameThread("lumo.xpc.link");
+  rtn::linux_platform::prioritiseThread(rtn::QosClass::Default);
   std::string why;
   std::optional<End> end;
   if (fd_ < 0) {

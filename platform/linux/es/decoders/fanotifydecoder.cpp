@@ -104,7 +104,7 @@ void FanotifyDecoder::handle(const char* buffer, size_t length) {
       ++counters_.malformed;
       LOG_ERROR("fanotify record malformed (version %d, %u bytes of %zu); rest of the read dropped.",
                 metadata.vers, metadata.event_len, left);
-      return;
+      break;
     }
     if (metadata.fd >= 0) close(metadata.fd);  // not in FID mode, but never leak one
     if (metadata.mask & FAN_Q_OVERFLOW) {
@@ -114,7 +114,7 @@ void FanotifyDecoder::handle(const char* buffer, size_t length) {
     } else if (metadata.pid != self_) {
       Record record;
       if (parse(metadata, buffer + offset, record)) {
-        dispatch(record);
+        records_.push_back(std::move(record));
       } else {
         ++counters_.malformed;
         LOG_ERROR("fanotify record with mask 0x%llx has malformed information; dropped.",
@@ -123,6 +123,14 @@ void FanotifyDecoder::handle(const char* buffer, size_t length) {
     }
     offset += metadata.event_len;
   }
+  // Files deleted later in the same read are not looked up: they are gone,
+  // and asking the kernel for a dying inode waits for its eviction.
+  for (const Record& r : records_) {
+    if ((r.mask & FAN_DELETE) && r.objectKey) gone_.insert(*r.objectKey);
+  }
+  for (const Record& r : records_) dispatch(r);
+  records_.clear();
+  gone_.clear();
 }
 
 void FanotifyDecoder::flush() {
@@ -249,11 +257,20 @@ es_file_t* FanotifyDecoder::file(Message& m, const std::string& path, bool withS
   return m.addFile(path, ok ? &st : nullptr);
 }
 
+es_file_t* FanotifyDecoder::object(Message& m, const std::string& path,
+                                   const std::optional<std::string>& key) {
+  if (!key) return file(m, path, true);
+  // Gone since: no size, rather than another file's that took the name.
+  struct stat st{};
+  const bool ok = gone_.count(*key) == 0 && resolver_.statObject(*key, &st);
+  return m.addFile(path, ok ? &st : nullptr);
+}
+
 void FanotifyDecoder::emitOpen(const Record& r, const std::string& path) {
   if (!sink_.wants(ES_EVENT_TYPE_NOTIFY_OPEN)) return;
   Message* m = begin(ES_EVENT_TYPE_NOTIFY_OPEN, r.pid);
   m->es.event.open.fflag = kFRead;
-  m->es.event.open.file = file(*m, path, true);
+  m->es.event.open.file = object(*m, path, r.objectKey);
   sink_.deliver(m);
 }
 
@@ -261,7 +278,7 @@ void FanotifyDecoder::emitClose(const Record& r, const std::string& path, bool m
   if (!sink_.wants(ES_EVENT_TYPE_NOTIFY_CLOSE)) return;
   Message* m = begin(ES_EVENT_TYPE_NOTIFY_CLOSE, r.pid);
   m->es.event.close.modified = modified;
-  m->es.event.close.target = file(*m, path, true);
+  m->es.event.close.target = object(*m, path, r.objectKey);
   sink_.deliver(m);
 }
 
@@ -280,7 +297,9 @@ void FanotifyDecoder::emitRename(const Record& r, bool existing) {
   es_event_rename_t& rename = m->es.event.rename;
   // The moved file now lives at `to`: its size is read there.
   struct stat st{};
-  const bool ok = resolver_.stat(to, &st);
+  const bool ok = r.objectKey ? gone_.count(*r.objectKey) == 0 &&
+                                    resolver_.statObject(*r.objectKey, &st)
+                              : resolver_.stat(to, &st);
   rename.source = m->addFile(*from, ok ? &st : nullptr);
   if (existing) {
     rename.destination_type = ES_DESTINATION_TYPE_EXISTING_FILE;
@@ -317,7 +336,7 @@ void FanotifyDecoder::emitLink(const Record& r, const std::string& targetPath) {
   std::optional<std::string> dir = resolver_.path(r.entry->dirKey);
   if (!dir) return;
   Message* m = begin(ES_EVENT_TYPE_NOTIFY_LINK, r.pid);
-  m->es.event.link.source = file(*m, *source, true);
+  m->es.event.link.source = object(*m, *source, r.objectKey);
   m->es.event.link.target_dir = file(*m, *dir, true);
   m->es.event.link.target_filename = m->addString(r.entry->name);
   sink_.deliver(m);

@@ -9,8 +9,10 @@
 #include <list>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <unordered_set>
+#include <vector>
 
 #include "es/hub/eventsource.h"
 
@@ -29,6 +31,9 @@ class IHandleResolver {
   // Key is the fsid bytes followed by the handle bytes.
   virtual std::optional<std::string> path(const std::string& key) = 0;
   virtual bool stat(const std::string& path, struct stat* st) = 0;
+  // The object itself, by its key: what the event was about even if its
+  // name has moved on, and no lookup in a directory its writer holds.
+  virtual bool statObject(const std::string& key, struct stat* st) = 0;
 };
 
 // Written by the reader, read by anyone.
@@ -92,11 +97,15 @@ class FanotifyDecoder {
   void emitUnlink(const Record& r, const std::string& path);
   Message* begin(es_event_type_t type, pid_t pid);
   es_file_t* file(Message& m, const std::string& path, bool withStat);
+  // A file the record names by its object: stat by handle.
+  es_file_t* object(Message& m, const std::string& path, const std::optional<std::string>& key);
 
   IEventSink& sink_;
   IHandleResolver& resolver_;
   const pid_t self_;
   FileDecoderCounters counters_;
+  std::vector<Record> records_;         // the read being decoded
+  std::unordered_set<std::string_view> gone_;  // its objects deleted, into records_
   std::optional<Record> pending_;       // a rename waiting for what follows
   std::optional<Record> lastAttrib_;    // the ATTRIB a link would start with
   std::unordered_set<std::string> modified_;

@@ -17,7 +17,7 @@ int64_t nowNanos() {
   return now.tv_sec * kNanosPerSecond + now.tv_nsec;
 }
 
-int64_t nextBeat(int64_t now) { return (now / kBeatNanos + 1) * kBeatNanos; }
+int64_t nextBeat(int64_t now, int64_t beat = kBeatNanos) { return (now / beat + 1) * beat; }
 
 timespec timespecOf(int64_t nanos) {
   return timespec{static_cast<time_t>(nanos / kNanosPerSecond),
@@ -39,8 +39,8 @@ int epollUntilNextBeat(int epollFd, epoll_event* ready) {
   return epoll_wait(epollFd, ready, 1, static_cast<int>((left + 999'999) / 1'000'000));
 }
 
-void sleepUntilNextBeat() {
-  const timespec at = timespecOf(nextBeat(nowNanos()));
+void sleepUntilNextBeat(std::chrono::nanoseconds beat) {
+  const timespec at = timespecOf(nextBeat(nowNanos(), beat.count()));
   while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &at, nullptr) == EINTR) {
   }
 }

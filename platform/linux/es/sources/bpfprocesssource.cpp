@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "dispatch/threadname.h"
+#include "dispatch/threadpriority.h"
 #include "dispatch/wakebatch.h"
 #include "es/sources/beat.h"
 #include "es/hub/message.h"
@@ -192,6 +193,8 @@ void BpfProcessSource::drain(bool ownThread) {
 
 void BpfProcessSource::run() {
   tarvex::itx::rtn::linux_platform::nameThread("lumo-es-bpfproc");
+  // A reader: its fair share, never ahead of the programs it reports on.
+  tarvex::itx::rtn::linux_platform::prioritiseThread(tarvex::itx::rtn::QosClass::Default);
   auto lastCheck = std::chrono::steady_clock::now();
   const int epollFd = ring_buffer__epoll_fd(ring_);
   while (!stopping_.load()) {

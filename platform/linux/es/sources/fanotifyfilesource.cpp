@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "dispatch/threadname.h"
+#include "dispatch/threadpriority.h"
 #include "dispatch/wakebatch.h"
 #include "es/sources/beat.h"
 #include "es/procfs/fdpath.h"
@@ -40,6 +41,22 @@ constexpr size_t kResolvedPaths = 4096;
 constexpr int kCatchUpReads = 4;
 // Bytes of moves the second group may hold while nobody asks.
 constexpr int kMovedBacklog = 64 * 1024;
+
+// Opens the object a key's handle names; the key is the fsid bytes and
+// then the file_handle.
+int openByKey(int mountFd, const std::string& key, int flags) {
+  constexpr size_t kFsid = sizeof(__kernel_fsid_t);
+  union {
+    file_handle handle;
+    char bytes[sizeof(file_handle) + MAX_HANDLE_SZ];
+  } buffer;
+  if (key.size() < kFsid + sizeof(file_handle) || key.size() - kFsid > sizeof buffer.bytes) {
+    errno = EINVAL;
+    return -1;
+  }
+  std::memcpy(buffer.bytes, key.data() + kFsid, key.size() - kFsid);
+  return open_by_handle_at(mountFd, &buffer.handle, flags);
+}
 
 }  // namespace
 
@@ -79,8 +96,9 @@ bool FanotifyFileSource::openGroup(std::string* why) {
     *why = strerror(errno);
     return false;
   }
-  const int moved = fanotify_init(FAN_CLASS_NOTIF | FAN_CLOEXEC | FAN_NONBLOCK |
-                                      FAN_REPORT_DFID_NAME,
+  // Without names, the moves into one directory by one process merge into
+  // one queued event: the group stays a few records long however busy.
+  const int moved = fanotify_init(FAN_CLASS_NOTIF | FAN_CLOEXEC | FAN_NONBLOCK | FAN_REPORT_FID,
                                   O_RDONLY | O_CLOEXEC);
   if (moved < 0) {
     LOG_WARN("No group for moves (%{public}s): every exec first reads the file events.",
@@ -234,20 +252,9 @@ std::optional<std::string> FanotifyFileSource::path(const std::string& key) {
       return known.path;
     }
   }
-  std::string mountPath;
-  {
-    std::lock_guard<std::mutex> lock(marksMutex_);
-    auto it = marked_.find(key.substr(0, kFsid));
-    if (it == marked_.end()) return std::nullopt;
-    mountPath = it->second.path;
-  }
-  // open_by_handle_at takes no O_PATH descriptor for the mount.
-  const int mountFd = open(mountPath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  const int mountFd = this->mountFd(key);
   if (mountFd < 0) return std::nullopt;
-  std::vector<char> handle(key.begin() + kFsid, key.end());
-  const int fd = open_by_handle_at(mountFd, reinterpret_cast<file_handle*>(handle.data()),
-                                   O_PATH | O_CLOEXEC);
-  close(mountFd);
+  const int fd = openByKey(mountFd, key, O_PATH | O_CLOEXEC);
   if (fd < 0) return std::nullopt;  // ESTALE: gone since
   std::string path = pathOfFd(fd);
   struct stat st{};
@@ -265,6 +272,41 @@ std::optional<std::string> FanotifyFileSource::path(const std::string& key) {
   return path;
 }
 
+bool FanotifyFileSource::statObject(const std::string& key, struct stat* st) {
+  const int mountFd = this->mountFd(key);
+  if (mountFd < 0) return false;
+  const int fd = openByKey(mountFd, key, O_PATH | O_CLOEXEC);
+  if (fd < 0) return false;
+  const bool ok = fstat(fd, st) == 0;
+  close(fd);
+  return ok;
+}
+
+int FanotifyFileSource::mountFd(const std::string& key) {
+  constexpr size_t kFsid = sizeof(__kernel_fsid_t);
+  if (key.size() < kFsid) return -1;
+  const std::string fsid = key.substr(0, kFsid);
+  auto open = mountFds_.find(fsid);
+  if (open != mountFds_.end()) return open->second;
+  std::string mountPath;
+  {
+    std::lock_guard<std::mutex> lock(marksMutex_);
+    auto it = marked_.find(fsid);
+    if (it == marked_.end()) return -1;
+    mountPath = it->second.path;
+  }
+  // open_by_handle_at takes no O_PATH descriptor for the mount. Not kept
+  // past the read, so volumes unmount freely.
+  const int fd = ::open(mountPath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd >= 0) mountFds_.emplace(fsid, fd);
+  return fd;
+}
+
+void FanotifyFileSource::releaseMounts() {
+  for (const auto& [fsid, fd] : mountFds_) close(fd);
+  mountFds_.clear();
+}
+
 bool FanotifyFileSource::stat(const std::string& path, struct stat* st) {
   if (lastDir_ != nullptr && lastDir_->checkedIn == read_ && lastDir_->path == path) {
     *st = lastDir_->st;
@@ -275,13 +317,15 @@ bool FanotifyFileSource::stat(const std::string& path, struct stat* st) {
 
 void FanotifyFileSource::run() {
   tarvex::itx::rtn::linux_platform::nameThread("lumo-es-fanotify");
+  // A reader: its fair share, never ahead of the programs it reports on.
+  tarvex::itx::rtn::linux_platform::prioritiseThread(tarvex::itx::rtn::QosClass::Default);
   const int mounts = open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC);
   std::string pendingTable;
   bool busy = false;
   while (!stopping_.load()) {
-    // While events keep coming, read them in batches on the sources' beat
+    // While events keep coming, read them in batches on the file beat
     // instead of being woken for each one; idle, sleep in poll until the next.
-    if (busy) sleepUntilNextBeat();
+    if (busy) sleepUntilNextBeat(kFileBeat);
     bool holding;
     {
       std::lock_guard<std::mutex> lock(readMutex_);
@@ -294,6 +338,7 @@ void FanotifyFileSource::run() {
       std::lock_guard<std::mutex> lock(readMutex_);
       tarvex::itx::rtn::linux_platform::WakeBatch batch;
       decoder_.flush();
+      releaseMounts();
       continue;
     }
     if (ready < 0) continue;
@@ -317,6 +362,7 @@ void FanotifyFileSource::run() {
   }
   std::lock_guard<std::mutex> lock(readMutex_);
   decoder_.flush();
+  releaseMounts();
   if (mounts >= 0) close(mounts);
 }
 
@@ -334,6 +380,7 @@ bool FanotifyFileSource::readQueued() {
   // The observers' queues are woken once for the whole read.
   tarvex::itx::rtn::linux_platform::WakeBatch batch;
   decoder_.handle(buffer_.data(), static_cast<size_t>(n));
+  releaseMounts();
   return true;
 }
 
@@ -371,6 +418,7 @@ void FanotifyFileSource::catchUp() {
   // overwrite may not have happened yet.
   tarvex::itx::rtn::linux_platform::WakeBatch batch;
   decoder_.flush();
+  releaseMounts();
 }
 
 }  // namespace endpointsecurity::linux_es

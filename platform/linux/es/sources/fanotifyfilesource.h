@@ -59,6 +59,12 @@ class FanotifyFileSource final : public IEventSource, private IHandleResolver {
   // IHandleResolver
   std::optional<std::string> path(const std::string& key) override;
   bool stat(const std::string& path, struct stat* st) override;
+  bool statObject(const std::string& key, struct stat* st) override;
+  // The marked mount of a key's file system, opened for open_by_handle_at
+  // until releaseMounts(): one open per read, not one per handle. -1 when
+  // the file system is not marked. Under readMutex_.
+  int mountFd(const std::string& key);
+  void releaseMounts();
 
   IEventSink& sink_;
   FanotifyDecoder decoder_;
@@ -77,6 +83,7 @@ class FanotifyFileSource final : public IEventSource, private IHandleResolver {
   bool movedUnasked_ = false;
   std::vector<char> buffer_;
   std::unordered_map<std::string, Resolved> resolved_;
+  std::map<std::string, int> mountFds_;  // by fsid bytes, during a read
   uint64_t read_ = 0;  // reads so far
   // The directory last resolved: its events' files and their parent's stat
   // come one after another.

@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "dispatch/threadname.h"
+#include "dispatch/threadpriority.h"
 #include "es/hub/message.h"
 #include "es/procfs/procinfo.h"
 #include "log/log.h"
@@ -100,6 +101,8 @@ void ProcConnectorSource::stop() {
 
 void ProcConnectorSource::run() {
   tarvex::itx::rtn::linux_platform::nameThread("lumo-es-proccn");
+  // A reader: its fair share, never ahead of the programs it reports on.
+  tarvex::itx::rtn::linux_platform::prioritiseThread(tarvex::itx::rtn::QosClass::Default);
   alignas(nlmsghdr) char buffer[16384];
   while (!stopping_.load()) {
     pollfd p{fd_, POLLIN, 0};
