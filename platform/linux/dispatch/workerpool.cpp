@@ -233,7 +233,9 @@ void WorkerPool::workerMain() {
       continue;
     }
     if (stopping_ || released_) break;
-    if (spin_.count() > 0 && spinPays && spinForWork(lock)) continue;
+    // One spinner is enough to catch the next task: more would only take
+    // the CPUs from the thread that posts it, and from each other.
+    if (spin_.count() > 0 && spinPays && spinning_ == 0 && spinForWork(lock)) continue;
     ++idle_;
     const auto asleep = std::chrono::steady_clock::now();
     const bool woken = wake_.wait_for(lock, idleTimeout_,

@@ -13,7 +13,7 @@ namespace endpointsecurity::linux_es {
 // chain once per source.
 constexpr std::chrono::milliseconds kBeat{25};
 
-// A busy file group is read on a fifth of the beat: the kernel compares
+// A file group in a storm is read on a fifth of the beat: the kernel compares
 // every new file event with those queued, so a long queue makes each file
 // operation on the machine pay for the walk. Its reads still fall on the
 // others' beat every fifth time.

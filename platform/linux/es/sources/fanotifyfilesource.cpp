@@ -39,6 +39,9 @@ constexpr size_t kResolvedPaths = 4096;
 // Reads a catch-up makes at most: a storm of events can't hold up an
 // authorisation for long.
 constexpr int kCatchUpReads = 4;
+// A read this large means a storm of file events: read again on the
+// shorter file beat, so the queue the kernel walks stays short.
+constexpr ssize_t kLongQueueBytes = 16 * 1024;
 // Bytes of moves the second group may hold while nobody asks.
 constexpr int kMovedBacklog = 64 * 1024;
 
@@ -322,10 +325,11 @@ void FanotifyFileSource::run() {
   const int mounts = open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC);
   std::string pendingTable;
   bool busy = false;
+  bool longQueue = false;
   while (!stopping_.load()) {
     // While events keep coming, read them in batches on the file beat
     // instead of being woken for each one; idle, sleep in poll until the next.
-    if (busy) sleepUntilNextBeat(kFileBeat);
+    if (busy) sleepUntilNextBeat(longQueue ? kFileBeat : kBeat);
     bool holding;
     {
       std::lock_guard<std::mutex> lock(readMutex_);
@@ -356,7 +360,7 @@ void FanotifyFileSource::run() {
     }
     if (fds[0].revents & POLLIN) {
       sink_.catchUpOthers(this);
-      readQueued();
+      longQueue = readQueued() > kLongQueueBytes;
     }
     boundMoves();
   }
@@ -366,22 +370,22 @@ void FanotifyFileSource::run() {
   if (mounts >= 0) close(mounts);
 }
 
-bool FanotifyFileSource::readQueued() {
+ssize_t FanotifyFileSource::readQueued() {
   std::lock_guard<std::mutex> lock(readMutex_);
-  if (fd_ < 0) return false;
+  if (fd_ < 0) return 0;
   const ssize_t n = read(fd_, buffer_.data(), buffer_.size());
   if (n <= 0) {
     if (n < 0 && errno != EAGAIN && errno != EINTR) {
       LOG_ERROR("Reading file events failed: %{public}s", strerror(errno));
     }
-    return false;
+    return 0;
   }
   ++read_;
   // The observers' queues are woken once for the whole read.
   tarvex::itx::rtn::linux_platform::WakeBatch batch;
   decoder_.handle(buffer_.data(), static_cast<size_t>(n));
   releaseMounts();
-  return true;
+  return n;
 }
 
 bool FanotifyFileSource::movedSinceLastAsked() {
@@ -411,7 +415,7 @@ void FanotifyFileSource::catchUp() {
     std::lock_guard<std::mutex> lock(readMutex_);
     if (fd_ < 0 || (!movedSinceLastAsked() && !decoder_.holding())) return;
   }
-  for (int reads = 0; reads < kCatchUpReads && readQueued(); ++reads) {
+  for (int reads = 0; reads < kCatchUpReads && readQueued() > 0; ++reads) {
   }
   std::lock_guard<std::mutex> lock(readMutex_);
   // A held rename goes as a move to a new path: what would tell an

@@ -49,8 +49,9 @@ class FanotifyFileSource final : public IEventSource, private IHandleResolver {
   // Marks every watchable file system of the mount table not marked yet.
   bool markMounts(const std::string& mountInfo);
   void run();
-  // Reads and decodes what is queued; false when nothing was. Takes readMutex_.
-  bool readQueued();
+  // Reads and decodes what is queued; the bytes read, 0 when nothing was.
+  // Takes readMutex_.
+  ssize_t readQueued();
   // Whether a file was moved since the last call. Under readMutex_.
   bool movedSinceLastAsked();
   // Drains the moves group when it grew large. Takes readMutex_.
