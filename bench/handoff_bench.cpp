@@ -5,12 +5,14 @@
 #include <benchmark/benchmark.h>
 #include <sys/prctl.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <thread>
+#include <utility>
 #include <vector>
+
+#include "latencycounters.h"
 
 namespace {
 
@@ -66,14 +68,7 @@ void BM_HandoffFloor(benchmark::State& state) {
                             1000.0);
     }
   }
-  std::sort(latenciesUs.begin(), latenciesUs.end());
-  auto pct = [&](double q) {
-    return latenciesUs[std::min(latenciesUs.size() - 1,
-                                static_cast<size_t>(q * static_cast<double>(latenciesUs.size())))];
-  };
-  state.counters["p50_us"] = pct(0.50);
-  state.counters["p99_us"] = pct(0.99);
-  state.counters["max_us"] = latenciesUs.back();
+  lumo::bench::reportLatencies(state, std::move(latenciesUs));
 }
 BENCHMARK(BM_HandoffFloor)
     ->Args({50000, 0})

@@ -4,16 +4,17 @@
 #include <benchmark/benchmark.h>
 #include <sys/prctl.h>
 
-#include <algorithm>
-#include <cstdlib>
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "clock/monotonicclock.h"
 #include "dispatch/linuxdispatch.h"
 #include "esclient/client.h"
+#include "latencycounters.h"
 #include "observers/proceventobserver.h"
 #include "rtn/platform.h"
 #include "support/fake_daemon_link.h"
@@ -214,15 +215,8 @@ void BM_AuthAnswerLatency(benchmark::State& state) {
           static_cast<double>(p.es.answeredAt[static_cast<size_t>(i)] - deliveredAt[i]) / 1000.0);
     }
   }
-  std::sort(latenciesUs.begin(), latenciesUs.end());
-  auto pct = [&](double q) {
-    return latenciesUs[std::min(latenciesUs.size() - 1,
-                                static_cast<size_t>(q * static_cast<double>(latenciesUs.size())))];
-  };
-  state.counters["p50_us"] = pct(0.50);
-  state.counters["p99_us"] = pct(0.99);
-  state.counters["max_us"] = latenciesUs.back();
   state.SetItemsProcessed(static_cast<int64_t>(latenciesUs.size()));
+  lumo::bench::reportLatencies(state, std::move(latenciesUs));
 }
 BENCHMARK(BM_AuthAnswerLatency)->Arg(50000)->Iterations(4)->Unit(benchmark::kMillisecond)->UseRealTime();
 

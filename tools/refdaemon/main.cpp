@@ -1,5 +1,4 @@
 // lumo-refdaemon: the reference daemon (see options.cpp for its usage).
-#include <sched.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -12,6 +11,7 @@
 #include <string>
 #include <thread>
 
+#include "dispatch/threadpriority.h"
 #include "log/logsink.h"
 #include "log/stderrsink.h"
 #include "refdaemon/commands.h"
@@ -99,8 +99,7 @@ int main(int argc, char** argv) {
   }
   // It only prints what it is sent: its threads, which inherit this, keep a
   // fair share of the CPU but never preempt a program on waking.
-  const sched_param none{};
-  sched_setscheduler(0, SCHED_BATCH, &none);
+  tarvex::itx::rtn::linux_platform::prioritiseThread(tarvex::itx::rtn::QosClass::Default);
   tarvex::itx::log::linux_platform::StderrSink sink;
   tarvex::itx::log::setSink(&sink);
   tarvex::itx::log::setDebugEnabled(options.verbose);

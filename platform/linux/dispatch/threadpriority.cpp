@@ -6,6 +6,16 @@
 
 namespace tarvex::itx::rtn::linux_platform {
 
+namespace {
+
+// Whether a thread of qos may preempt a running program when it wakes:
+// only the classes that execs and callers wait on.
+bool preemptsOnWake(QosClass qos) {
+  return qos == QosClass::UserInteractive || qos == QosClass::UserInitiated;
+}
+
+}  // namespace
+
 int nicenessOf(QosClass qos) {
   switch (qos) {
     case QosClass::UserInteractive:
@@ -20,10 +30,6 @@ int nicenessOf(QosClass qos) {
       return 10;
   }
   return 0;
-}
-
-bool preemptsOnWake(QosClass qos) {
-  return qos == QosClass::UserInteractive || qos == QosClass::UserInitiated;
 }
 
 void prioritiseThread(QosClass qos) {

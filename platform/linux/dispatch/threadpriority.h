@@ -8,10 +8,6 @@ namespace tarvex::itx::rtn::linux_platform {
 // execs wait on, ahead of batch work; background work behind it.
 int nicenessOf(QosClass qos);
 
-// Whether a thread of qos may preempt a running program when it wakes:
-// only the classes that execs and callers wait on.
-bool preemptsOnWake(QosClass qos);
-
 // Sets the calling thread's policy and nice value for qos. Raising it needs
 // privilege, which the service has; without, the thread keeps its own.
 void prioritiseThread(QosClass qos);

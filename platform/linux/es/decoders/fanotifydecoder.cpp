@@ -257,12 +257,16 @@ es_file_t* FanotifyDecoder::file(Message& m, const std::string& path, bool withS
   return m.addFile(path, ok ? &st : nullptr);
 }
 
+bool FanotifyDecoder::statObject(const std::string& key, struct stat* st) {
+  // Gone since: no size, rather than another file's that took the name.
+  return gone_.count(key) == 0 && resolver_.statObject(key, st);
+}
+
 es_file_t* FanotifyDecoder::object(Message& m, const std::string& path,
                                    const std::optional<std::string>& key) {
   if (!key) return file(m, path, true);
-  // Gone since: no size, rather than another file's that took the name.
   struct stat st{};
-  const bool ok = gone_.count(*key) == 0 && resolver_.statObject(*key, &st);
+  const bool ok = statObject(*key, &st);
   return m.addFile(path, ok ? &st : nullptr);
 }
 
@@ -297,9 +301,7 @@ void FanotifyDecoder::emitRename(const Record& r, bool existing) {
   es_event_rename_t& rename = m->es.event.rename;
   // The moved file now lives at `to`: its size is read there.
   struct stat st{};
-  const bool ok = r.objectKey ? gone_.count(*r.objectKey) == 0 &&
-                                    resolver_.statObject(*r.objectKey, &st)
-                              : resolver_.stat(to, &st);
+  const bool ok = r.objectKey ? statObject(*r.objectKey, &st) : resolver_.stat(to, &st);
   rename.source = m->addFile(*from, ok ? &st : nullptr);
   if (existing) {
     rename.destination_type = ES_DESTINATION_TYPE_EXISTING_FILE;

@@ -97,6 +97,8 @@ class FanotifyDecoder {
   void emitUnlink(const Record& r, const std::string& path);
   Message* begin(es_event_type_t type, pid_t pid);
   es_file_t* file(Message& m, const std::string& path, bool withStat);
+  // A file by its handle, unless it was deleted in the read being decoded.
+  bool statObject(const std::string& key, struct stat* st);
   // A file the record names by its object: stat by handle.
   es_file_t* object(Message& m, const std::string& path, const std::optional<std::string>& key);
 
