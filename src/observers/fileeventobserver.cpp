@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "log/log.h"
+#include "rtn/platform.h"
 #include "xpc/xpcclient.h"
 
 LUMO_LOG_MODULE("MAC_ESFILEEVENT")
@@ -49,15 +50,29 @@ std::string joinPath(const char* dir, const char* name) {
 
 }  // namespace
 
-FileEventObserver::FileEventObserver() {
+FileEventObserver::FileEventObserver() : openScope(tarvex::itx::rtn::platform().opens) {
   events = {ES_EVENT_TYPE_NOTIFY_OPEN,   ES_EVENT_TYPE_NOTIFY_CLOSE,
             ES_EVENT_TYPE_NOTIFY_RENAME, ES_EVENT_TYPE_NOTIFY_LINK,
             ES_EVENT_TYPE_NOTIFY_UNLINK, ES_EVENT_TYPE_NOTIFY_EXCHANGEDATA};
+  std::lock_guard<std::mutex> lock(mountMutex);
+  publishOpenScopeLocked();
+}
+
+void FileEventObserver::publishOpenScopeLocked() {
+  if (openScope == nullptr) return;
+  // Every volume whose opens fillOpen keeps: a nested regular one that
+  // takes a path first only means more opens reach it than it reports.
+  std::vector<std::string> volumes;
+  for (const auto& [volume, type] : mountPoints) {
+    if (type != sysext::kRegular) volumes.push_back(volume);
+  }
+  openScope->wantOpensUnder(volumes);
 }
 
 void FileEventObserver::addMountPoint(const std::string& volume, sysext::MountType type) {
   std::lock_guard<std::mutex> lock(mountMutex);
   mountPoints[volume] = type;
+  publishOpenScopeLocked();
   LOG_INFO("new volume: %{public}s <%{public}s> was registered", volume.c_str(),
            mountTypeName(type));
 }
@@ -67,12 +82,14 @@ void FileEventObserver::removeMountPoint(const std::string& volume) {
   auto it = mountPoints.find(volume);
   if (it == mountPoints.end()) return;
   mountPoints.erase(it);
+  publishOpenScopeLocked();
   LOG_INFO("volume: %{public}s was unregistered", volume.c_str());
 }
 
 void FileEventObserver::clearMountPoints() {
   std::lock_guard<std::mutex> lock(mountMutex);
   mountPoints.clear();
+  publishOpenScopeLocked();
   LOG_INFO("mountpoints were cleared");
 }
 

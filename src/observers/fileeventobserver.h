@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "esclient/eventobserver.h"
+#include "rtn/openscope.h"
 #include "sysext.pb.h"
 
 namespace endpointsecurity {
@@ -51,9 +52,13 @@ class FileEventObserver : public EventObserver {
   bool fillLink(const es_message_t* message, sysext::FileEvent& event);
   bool fillRename(const es_message_t* message, sysext::FileEvent& event);
   bool fillUnlink(const es_message_t* message, sysext::FileEvent& event);
+  // Tells the platform's open scope, if any, which volumes opens are
+  // reported on. Under mountMutex, so the scope follows the table in order.
+  void publishOpenScopeLocked();
 
   std::mutex mountMutex;
   std::map<std::string, sysext::MountType, std::less<>> mountPoints;
+  tarvex::itx::rtn::IOpenScope* const openScope;
 };
 
 }  // namespace endpointsecurity

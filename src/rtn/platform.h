@@ -11,6 +11,7 @@ namespace tarvex::itx::rtn {
 
 class IDispatch;
 class IClock;
+class IOpenScope;
 
 // The operating-system seams the core runs on. The entry point installs the
 // platform's implementations before building any component; tests install
@@ -20,6 +21,7 @@ struct Platform {
   IDispatch* dispatch = nullptr;
   IClock* clock = nullptr;
   xpc::IXPCConnector* xpc = nullptr;
+  IOpenScope* opens = nullptr;  // optional
 };
 
 Platform& platform();

@@ -13,8 +13,9 @@ namespace lumo::testing {
 struct RealFacility {
   tarvex::itx::rtn::linux_platform::MonotonicClock clock;
   tarvex::itx::rtn::linux_platform::LinuxDispatch dispatch{clock};
+  tarvex::itx::rtn::IOpenScope* opens = nullptr;
   std::unique_ptr<endpointsecurity::IEndpointSecurityApi> es{
-      tarvex::itx::rtn::linux_platform::makeEndpointSecurity(clock, dispatch)};
+      tarvex::itx::rtn::linux_platform::makeEndpointSecurity(clock, dispatch, &opens)};
 };
 
 }  // namespace lumo::testing

@@ -88,7 +88,7 @@ class ScriptedEndpointSecurity : public lumo::testing::FakeEndpointSecurity {
 
 namespace tarvex::itx::rtn::linux_platform {
 
-endpointsecurity::IEndpointSecurityApi* makeEndpointSecurity(IClock&, IDispatch&) {
+endpointsecurity::IEndpointSecurityApi* makeEndpointSecurity(IClock&, IDispatch&, IOpenScope**) {
   const char* path = std::getenv("LUMO_SCRIPT_FIFO");
   // Opened for writing too, so that a writer closing its end is no EOF.
   const int fd = path != nullptr ? open(path, O_RDWR | O_CLOEXEC) : -1;

@@ -163,7 +163,8 @@ void registerFacilityCounters(const LinuxEndpointSecurity& hub, CountingSources 
 
 }  // namespace
 
-endpointsecurity::IEndpointSecurityApi* makeEndpointSecurity(IClock& clock, IDispatch& dispatch) {
+endpointsecurity::IEndpointSecurityApi* makeEndpointSecurity(IClock& clock, IDispatch& dispatch,
+                                                             IOpenScope** opens) {
   // Lives as long as the process: the sources' threads call into it.
   auto* hub = new LinuxEndpointSecurity(clock, dispatch);
   CountingSources counting;
@@ -174,6 +175,7 @@ endpointsecurity::IEndpointSecurityApi* makeEndpointSecurity(IClock& clock, IDis
   // Opened on the first file subscription; it logs then what it could mark.
   auto files = std::make_unique<FanotifyFileSource>(*hub);
   counting.files = files.get();
+  if (opens != nullptr) *opens = files.get();
   hub->addSource(std::move(files));
   hub->addSource(std::make_unique<FanotifyAuthSource>(*hub));
   probeLsmTier();

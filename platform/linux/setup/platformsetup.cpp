@@ -59,14 +59,15 @@ bool installPlatform(int argc, char** argv) {
 
   auto* clock = new linux_platform::MonotonicClock();
   auto* dispatch = new linux_platform::LinuxDispatch(*clock);
+  IOpenScope* opens = nullptr;
   endpointsecurity::IEndpointSecurityApi* es =
-      linux_platform::makeEndpointSecurity(*clock, *dispatch);
+      linux_platform::makeEndpointSecurity(*clock, *dispatch, &opens);
   if (es == nullptr) {
     LOG_ERROR("No Endpoint Security facility on this machine.\n");
     return false;
   }
   auto* connector = new xpc::linux_platform::UnixSocketConnector();
-  setPlatform({es, &linux_platform::startServiceSide(*dispatch), clock, connector});
+  setPlatform({es, &linux_platform::startServiceSide(*dispatch), clock, connector, opens});
   return true;
 }
 

@@ -132,6 +132,7 @@ void FanotifyFileSource::closeGroup() {
 bool FanotifyFileSource::markMounts(const std::string& mountInfo) {
   bool ok = true;
   const std::vector<MountEntry> mounts = parseMountInfo(mountInfo);
+  const std::set<dev_t> opens = openDevices(mounts);
   // Forget what is gone, so a later volume on a recycled device is marked.
   std::set<dev_t> present;
   std::set<std::string> paths;
@@ -150,9 +151,11 @@ bool FanotifyFileSource::markMounts(const std::string& mountInfo) {
     struct stat st{};
     if (::stat(mount.path.c_str(), &st) != 0 || devices_.count(st.st_dev) != 0) continue;
     struct statfs fs{};
+    const uint64_t mask = maskOn(st.st_dev, opens);
+    // Nothing to mark yet (only opens wanted, none here) is kept for later.
     if (statfs(mount.path.c_str(), &fs) != 0 ||
-        fanotify_mark(fd_, FAN_MARK_ADD | FAN_MARK_FILESYSTEM, mask_, AT_FDCWD,
-                      mount.path.c_str()) != 0) {
+        (mask != 0 && fanotify_mark(fd_, FAN_MARK_ADD | FAN_MARK_FILESYSTEM, mask, AT_FDCWD,
+                                    mount.path.c_str()) != 0)) {
       // File systems without file handles (and some FUSE ones) can't be
       // watched in FID mode.
       LOG_DEBUG("Not watching files on %{public}s (%{public}s): %{public}s", mount.path.c_str(),
@@ -172,11 +175,79 @@ bool FanotifyFileSource::markMounts(const std::string& mountInfo) {
     }
     std::string fsid(reinterpret_cast<const char*>(&fs.f_fsid), sizeof fs.f_fsid);
     std::lock_guard<std::mutex> lock(marksMutex_);
-    marked_.emplace(fsid, Marked{mount.path});
+    marked_.emplace(fsid, Marked{mount.path, st.st_dev, mask});
     LOG_DEBUG("Watching files on %{public}s (%{public}s).", mount.path.c_str(),
               mount.fsType.c_str());
   }
+  // A volume mounted where none was lets the file system above it go.
+  return remarkLocked(mounts) && ok;
+}
+
+std::set<dev_t> FanotifyFileSource::openDevices(const std::vector<MountEntry>& mounts) const {
+  std::set<dev_t> devices;
+  if (!openVolumes_) return devices;
+  for (const std::string& volume : *openVolumes_) {
+    // A file under the volume is on the file system the volume's path is
+    // on (or, not there yet, its nearest existing parent's), or on one
+    // mounted beneath it.
+    std::string path = volume;
+    struct stat st{};
+    while (::stat(path.c_str(), &st) != 0) {
+      const size_t slash = path.find_last_of('/');
+      if (slash == std::string::npos || path == "/") break;
+      path.resize(slash == 0 ? 1 : slash);
+    }
+    if (::stat(path.c_str(), &st) == 0) devices.insert(st.st_dev);
+    const std::string below = volume + "/";
+    for (const MountEntry& mount : mounts) {
+      if (mount.path != volume && mount.path.compare(0, below.size(), below) != 0) continue;
+      if (::stat(mount.path.c_str(), &st) == 0) devices.insert(st.st_dev);
+    }
+  }
+  return devices;
+}
+
+uint64_t FanotifyFileSource::maskOn(dev_t dev, const std::set<dev_t>& openDevices) const {
+  if (!openVolumes_ || openDevices.count(dev) != 0) return mask_;
+  return mask_ & ~static_cast<uint64_t>(FAN_OPEN | FAN_OPEN_EXEC);
+}
+
+bool FanotifyFileSource::remarkLocked(const std::vector<MountEntry>& mounts) {
+  const std::set<dev_t> opens = openDevices(mounts);
+  std::lock_guard<std::mutex> lock(marksMutex_);
+  bool ok = true;
+  for (auto& [fsid, marked] : marked_) {
+    const uint64_t mask = maskOn(marked.dev, opens);
+    if (mask == marked.mask) continue;
+    const uint64_t gone = marked.mask & ~mask;
+    if (gone != 0 && fanotify_mark(fd_, FAN_MARK_REMOVE | FAN_MARK_FILESYSTEM, gone, AT_FDCWD,
+                                   marked.path.c_str()) != 0) {
+      ok = false;
+    }
+    if (mask != 0 && fanotify_mark(fd_, FAN_MARK_ADD | FAN_MARK_FILESYSTEM, mask, AT_FDCWD,
+                                   marked.path.c_str()) != 0) {
+      LOG_ERROR("Updating the file marks on %{public}s failed: %{public}s", marked.path.c_str(),
+                strerror(errno));
+      ok = false;
+    }
+    marked.mask = mask;
+  }
   return ok;
+}
+
+void FanotifyFileSource::wantOpensUnder(const std::vector<std::string>& volumes) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (openVolumes_ == volumes) return;
+  openVolumes_ = volumes;
+  if (fd_ < 0 || (mask_ & FAN_OPEN) == 0) return;
+  remarkLocked(parseMountInfo(readMountTable()));
+  size_t withOpens = 0;
+  {
+    std::lock_guard<std::mutex> marksLock(marksMutex_);
+    for (const auto& [fsid, marked] : marked_) withOpens += (marked.mask & FAN_OPEN) != 0;
+  }
+  LOG_INFO("File events: opens watched on %d of %d file systems.", static_cast<int>(withOpens),
+           static_cast<int>(marked_.size()));
 }
 
 bool FanotifyFileSource::apply(const EventSet& wanted) {
@@ -204,24 +275,8 @@ bool FanotifyFileSource::apply(const EventSet& wanted) {
     return true;
   }
   // Change the marks in place: drop what is no longer wanted, add the rest.
-  std::lock_guard<std::mutex> marksLock(marksMutex_);
-  bool ok = true;
-  for (auto& [fsid, marked] : marked_) {
-    const uint64_t gone = mask_ & ~mask;
-    if (gone != 0 &&
-        fanotify_mark(fd_, FAN_MARK_REMOVE | FAN_MARK_FILESYSTEM, gone, AT_FDCWD,
-                      marked.path.c_str()) != 0) {
-      ok = false;
-    }
-    if (fanotify_mark(fd_, FAN_MARK_ADD | FAN_MARK_FILESYSTEM, mask, AT_FDCWD,
-                      marked.path.c_str()) != 0) {
-      LOG_ERROR("Updating the file marks on %{public}s failed: %{public}s", marked.path.c_str(),
-                strerror(errno));
-      ok = false;
-    }
-  }
   mask_ = mask;
-  return ok;
+  return remarkLocked(parseMountInfo(readMountTable()));
 }
 
 void FanotifyFileSource::stop() {

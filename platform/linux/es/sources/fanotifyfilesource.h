@@ -4,6 +4,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <thread>
@@ -12,6 +13,8 @@
 
 #include "es/hub/eventsource.h"
 #include "es/decoders/fanotifydecoder.h"
+#include "es/procfs/mounts.h"
+#include "rtn/openscope.h"
 
 namespace endpointsecurity::linux_es {
 
@@ -19,7 +22,11 @@ namespace endpointsecurity::linux_es {
 // mark on every watchable file system, new mounts included as they appear.
 // The marked events follow the wanted types; with none wanted the group is
 // closed. The queue is unlimited; an overflow is still counted and logged.
-class FanotifyFileSource final : public IEventSource, private IHandleResolver {
+// Opens are marked only on the file systems that can hold a file under a
+// volume the open scope names, once it has named any.
+class FanotifyFileSource final : public IEventSource,
+                                 public tarvex::itx::rtn::IOpenScope,
+                                 private IHandleResolver {
  public:
   explicit FanotifyFileSource(IEventSink& sink);
   ~FanotifyFileSource() override;
@@ -30,6 +37,7 @@ class FanotifyFileSource final : public IEventSource, private IHandleResolver {
   bool apply(const EventSet& wanted) override;
   void stop() override;
   void catchUp() override;
+  void wantOpensUnder(const std::vector<std::string>& volumes) override;
 
   // The fanotify mask for a set of wanted types, public for tests.
   static uint64_t maskFor(const EventSet& wanted);
@@ -37,6 +45,8 @@ class FanotifyFileSource final : public IEventSource, private IHandleResolver {
  private:
   struct Marked {
     std::string path;  // the mount, for open_by_handle_at
+    dev_t dev;
+    uint64_t mask;  // as marked
   };
   struct Resolved {
     std::string path;
@@ -48,6 +58,13 @@ class FanotifyFileSource final : public IEventSource, private IHandleResolver {
   void closeGroup();
   // Marks every watchable file system of the mount table not marked yet.
   bool markMounts(const std::string& mountInfo);
+  // Devices of the file systems a file under a scoped volume can be on.
+  std::set<dev_t> openDevices(const std::vector<MountEntry>& mounts) const;
+  // The mask for a file system: mask_, less opens where none is wanted.
+  uint64_t maskOn(dev_t dev, const std::set<dev_t>& openDevices) const;
+  // Brings every mark to maskOn(); false when the kernel refused one.
+  // Under mutex_.
+  bool remarkLocked(const std::vector<MountEntry>& mounts);
   void run();
   // Reads and decodes what is queued; the bytes read, 0 when nothing was.
   // Takes readMutex_.
@@ -72,6 +89,8 @@ class FanotifyFileSource final : public IEventSource, private IHandleResolver {
   std::mutex mutex_;  // group, marks and the thread's start/stop
   int fd_ = -1;
   uint64_t mask_ = 0;
+  // The volumes opens are wanted under; unset: everywhere. Under mutex_.
+  std::optional<std::vector<std::string>> openVolumes_;
   std::mutex marksMutex_;               // marked_, read by the reader thread
   std::map<std::string, Marked> marked_;  // by fsid bytes
   std::set<dev_t> devices_;
