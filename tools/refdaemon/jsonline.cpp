@@ -1,5 +1,6 @@
 #include "refdaemon/jsonline.h"
 
+#include <charconv>
 #include <cstdio>
 
 #include "text/byteescape.h"
@@ -14,26 +15,48 @@ using tarvex::itx::xpc::NumberKind;
 using tarvex::itx::xpc::Value;
 using tarvex::itx::rtn::linux_platform::unescapeBytes;
 
-std::string jsonString(std::string_view text) {
-  std::string out = "\"";
-  for (const char c : text) {
+namespace {
+
+// Appends text quoted and escaped; runs that need no escape go in whole.
+void appendJsonString(std::string& out, std::string_view text) {
+  out.reserve(out.size() + text.size() + 2);
+  out += '"';
+  size_t run = 0;
+  for (size_t i = 0; i < text.size(); ++i) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    if (c >= 0x20 && c != '"' && c != '\\') continue;  // UTF-8 passes through
+    out.append(text, run, i - run);
+    run = i + 1;
     switch (c) {
       case '"': out += "\\\""; break;
       case '\\': out += "\\\\"; break;
       case '\n': out += "\\n"; break;
       case '\r': out += "\\r"; break;
       case '\t': out += "\\t"; break;
-      default:
-        if (static_cast<unsigned char>(c) < 0x20) {
-          char escaped[8];
-          std::snprintf(escaped, sizeof escaped, "\\u%04x", static_cast<unsigned>(c));
-          out += escaped;
-        } else {
-          out += c;  // UTF-8 passes through: the link only carries valid UTF-8
-        }
+      default: {
+        char escaped[8];
+        std::snprintf(escaped, sizeof escaped, "\\u%04x", static_cast<unsigned>(c));
+        out += escaped;
+      }
     }
   }
-  return out + "\"";
+  out.append(text, run, text.size() - run);
+  out += '"';
+}
+
+template <typename T>
+void appendInteger(std::string& out, T value) {
+  char digits[24];
+  const auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
+  out.append(digits, end);
+}
+
+}  // namespace
+
+std::string jsonString(std::string_view text) {
+  std::string out;
+  appendJsonString(out, text);
+  return out;
 }
 
 namespace {
@@ -49,48 +72,67 @@ std::string hexBytes(std::string_view bytes) {
   return out;
 }
 
-std::string jsonNumber(const Number& n) {
+void appendJsonNumber(std::string& out, const Number& n) {
   switch (n.kind) {
-    case NumberKind::Int: return "{\"int\":" + std::to_string(n.intValue()) + "}";
-    case NumberKind::UnsignedInt: return "{\"uint\":" + std::to_string(n.unsignedIntValue()) + "}";
-    case NumberKind::LongLong: return "{\"longlong\":" + std::to_string(n.asSigned()) + "}";
-    case NumberKind::UnsignedLongLong: return "{\"ulonglong\":" + std::to_string(n.bits) + "}";
-    case NumberKind::Bool: return std::string("{\"bool\":") + (n.bits ? "true" : "false") + "}";
+    case NumberKind::Int: out += "{\"int\":"; appendInteger(out, n.intValue()); break;
+    case NumberKind::UnsignedInt: out += "{\"uint\":"; appendInteger(out, n.unsignedIntValue()); break;
+    case NumberKind::LongLong: out += "{\"longlong\":"; appendInteger(out, n.asSigned()); break;
+    case NumberKind::UnsignedLongLong: out += "{\"ulonglong\":"; appendInteger(out, n.bits); break;
+    case NumberKind::Bool: out += n.bits ? "{\"bool\":true" : "{\"bool\":false"; break;
+    default: out += "null"; return;
   }
-  return "null";
+  out += '}';
+}
+
+void appendJsonValue(std::string& out, const Value& value) {
+  if (const std::string* s = value.string()) return appendJsonString(out, *s);
+  if (const Number* n = value.number()) return appendJsonNumber(out, *n);
+  if (const Dictionary* d = value.dictionary()) {
+    out += JsonLine().entries(*d).str();
+    return;
+  }
+  if (const Array* a = value.array()) {
+    out += '[';
+    for (size_t i = 0; i < a->items.size(); ++i) {
+      if (i > 0) out += ',';
+      appendJsonValue(out, a->items[i]);
+    }
+    out += ']';
+    return;
+  }
+  out += "null";
 }
 
 }  // namespace
 
 std::string jsonValue(const Value& value) {
-  if (const std::string* s = value.string()) return jsonString(*s);
-  if (const Number* n = value.number()) return jsonNumber(*n);
-  if (const Dictionary* d = value.dictionary()) return JsonLine().entries(*d).str();
-  if (const Array* a = value.array()) {
-    std::string out = "[";
-    for (const Value& item : a->items) {
-      if (out.size() > 1) out += ",";
-      out += jsonValue(item);
-    }
-    return out + "]";
-  }
-  return "null";
+  std::string out;
+  appendJsonValue(out, value);
+  return out;
+}
+
+void JsonLine::key(std::string_view key) {
+  if (body_.size() > 1) body_ += ',';
+  appendJsonString(body_, key);
+  body_ += ':';
 }
 
 JsonLine& JsonLine::raw(std::string_view key, std::string_view json) {
-  if (body_.size() > 1) body_ += ",";
-  body_ += jsonString(key);
-  body_ += ":";
+  this->key(key);
   body_ += json;
   return *this;
 }
 
 JsonLine& JsonLine::text(std::string_view key, std::string_view value) {
-  return raw(key, jsonString(value));
+  this->key(key);
+  appendJsonString(body_, value);
+  return *this;
 }
 
 JsonLine& JsonLine::number(std::string_view key, long long value) {
-  return raw(key, std::to_string(value));
+  this->key(key);
+  appendInteger(body_, value);
+  return *this;
 }
 
 JsonLine& JsonLine::flag(std::string_view key, bool value) {
@@ -98,7 +140,8 @@ JsonLine& JsonLine::flag(std::string_view key, bool value) {
 }
 
 JsonLine& JsonLine::entry(const std::string& key, const Value& value) {
-  raw(key, jsonValue(value));
+  this->key(key);
+  appendJsonValue(body_, value);
   // A name the extension had to escape: its original bytes beside it.
   const std::string* s = value.string();
   if (s != nullptr && s->find('\\') != std::string::npos) {

@@ -32,6 +32,7 @@ class JsonLine {
   std::string str() const { return body_ + "}"; }
 
  private:
+  void key(std::string_view key);  // the separator, the quoted key and ':'
   std::string body_ = "{";
 };
 
