@@ -7,6 +7,7 @@
 
 #include "daemonlink.pb.h"
 #include "xpc/utf8.h"
+#include "xpc/wirewriter.h"
 
 namespace tarvex::itx::xpc::linux_platform {
 
@@ -22,42 +23,13 @@ std::string quoted(std::string_view text) {
   return out + "\"";
 }
 
-bool toWire(const Value& in, wire::Value* out, int depth, std::string* error) {
-  if (depth > kMaxValueDepth) {
-    *error = "values nested deeper than " + std::to_string(kMaxValueDepth) + " levels";
-    return false;
-  }
-  if (in.isNil()) {
-    out->mutable_nil();
-  } else if (const std::string* s = in.string()) {
-    out->set_string(*s);
-  } else if (const Number* n = in.number()) {
-    switch (n->kind) {
-      case NumberKind::Int: out->set_int_(n->intValue()); break;
-      case NumberKind::UnsignedInt: out->set_unsigned_int(n->unsignedIntValue()); break;
-      case NumberKind::LongLong: out->set_long_long(n->asSigned()); break;
-      case NumberKind::UnsignedLongLong: out->set_unsigned_long_long(n->bits); break;
-      case NumberKind::Bool: out->set_bool_(n->bits != 0); break;
-    }
-  } else if (const Dictionary* d = in.dictionary()) {
-    wire::Dictionary* dict = out->mutable_dictionary();
-    for (const DictEntry& e : d->entries) {
-      wire::DictEntry* entry = dict->add_entries();
-      entry->set_key(e.key);
-      if (!toWire(e.value, entry->mutable_value(), depth + 1, error)) return false;
-    }
-  } else if (const Array* a = in.array()) {
-    wire::Array* array = out->mutable_array();
-    for (const Value& item : a->items) {
-      if (!toWire(item, array->add_items(), depth + 1, error)) return false;
-    }
-  }
-  return true;
+std::string tooDeep() {
+  return "values nested deeper than " + std::to_string(kMaxValueDepth) + " levels";
 }
 
 bool fromWire(const wire::Value& in, Value* out, int depth, std::string* error) {
   if (depth > kMaxValueDepth) {
-    *error = "values nested deeper than " + std::to_string(kMaxValueDepth) + " levels";
+    *error = tooDeep();
     return false;
   }
   switch (in.kind_case()) {
@@ -122,29 +94,18 @@ std::string tooLarge(size_t size, size_t limit) {
 }  // namespace
 
 std::optional<std::string> encodeFrame(const Frame& frame, std::string* error, size_t maxBytes) {
-  // On an arena: a record is dozens of small messages, which malloc would
-  // hand out and take back one by one.
-  google::protobuf::Arena arena;
-  wire::Frame& out = *google::protobuf::Arena::CreateMessage<wire::Frame>(&arena);
-  if (const CallFrame* call = std::get_if<CallFrame>(&frame)) {
-    wire::Call* c = out.mutable_call();
-    c->set_selector(call->selector);
-    for (const Value& arg : call->args) {
-      if (!toWire(arg, c->add_args(), 1, error)) return std::nullopt;
-    }
-    if (call->replyId) c->set_reply_id(*call->replyId);
-  } else {
-    const ReplyFrame& reply = std::get<ReplyFrame>(frame);
-    out.mutable_reply()->set_reply_id(reply.replyId);
-    out.mutable_reply()->set_value(reply.value);
-  }
-  const size_t size = out.ByteSizeLong();
-  if (size > maxBytes) {
-    *error = tooLarge(size, maxBytes);
+  FrameWriter writer;
+  const std::optional<size_t> size = writer.measure(frame);
+  if (!size) {
+    *error = tooDeep();
     return std::nullopt;
   }
-  std::string bytes;
-  out.SerializeToString(&bytes);
+  if (*size > maxBytes) {
+    *error = tooLarge(*size, maxBytes);
+    return std::nullopt;
+  }
+  std::string bytes(*size, '\0');
+  writer.write(frame, bytes.data());
   return bytes;
 }
 
