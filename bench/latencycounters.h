@@ -7,7 +7,7 @@
 
 namespace lumo::bench {
 
-// Sets the p50_us, p99_us and max_us counters of a run from its latencies.
+// Sets the p50_us, p90_us, p99_us and max_us counters of a run from its latencies.
 inline void reportLatencies(benchmark::State& state, std::vector<double> latenciesUs) {
   if (latenciesUs.empty()) return;
   std::sort(latenciesUs.begin(), latenciesUs.end());
@@ -16,6 +16,7 @@ inline void reportLatencies(benchmark::State& state, std::vector<double> latenci
                                 static_cast<size_t>(q * static_cast<double>(latenciesUs.size())))];
   };
   state.counters["p50_us"] = pct(0.50);
+  state.counters["p90_us"] = pct(0.90);
   state.counters["p99_us"] = pct(0.99);
   state.counters["max_us"] = latenciesUs.back();
 }

@@ -79,9 +79,10 @@ QueueRef LinuxDispatch::makeQueueLocked(std::string label, QosClass qos, bool ba
       qos == QosClass::UserInteractive ? limits_.interactiveThreads : limits_.otherThreads;
   const auto spin =
       qos == QosClass::UserInteractive ? limits_.interactiveSpin : std::chrono::microseconds(0);
-  // Authorisation waits on its queue; everything else is short work that
-  // one busy thread gets through faster than many woken ones.
-  Recruiting recruiting = qos == QosClass::UserInteractive ? Recruiting{} : limits_.otherRecruiting;
+  // Short work is got through faster by one busy thread than by many woken
+  // ones; authorisation may wait on its queue, so stuck looks sooner there.
+  Recruiting recruiting =
+      qos == QosClass::UserInteractive ? limits_.interactiveRecruiting : limits_.otherRecruiting;
   if (recruiting.stall.count() > 0) {
     // The check runs on the timer thread itself: it only looks and wakes.
     recruiting.arm = [this](std::chrono::microseconds delay, Task check) {

@@ -18,13 +18,15 @@ struct DispatchLimits {
   unsigned interactiveThreads = 64;  // per queue targeting UserInteractive
   unsigned otherThreads = 16;        // per queue of any other class
   std::chrono::milliseconds idleTimeout{5000};
-  // How long an idle worker of a UserInteractive queue keeps looking for
-  // work before it sleeps: AUTH messages must not wait for a thread to wake.
-  // Longer spins measured worse on two cores: the spinner takes the CPU
-  // from the thread that delivers the next message.
-  std::chrono::microseconds interactiveSpin{20};
+  // How long at most an idle worker of a UserInteractive queue keeps
+  // looking for work before it sleeps, while tasks come closer together
+  // than that: AUTH messages must not wait for a thread to wake.
+  std::chrono::microseconds interactiveSpin{50};
   // Queues of the other classes add a worker only when theirs seem stuck.
   Recruiting otherRecruiting{std::chrono::milliseconds(2), 64, nullptr};
+  // UserInteractive ones much sooner: their tasks may wait on the daemon,
+  // but a worker about to finish its task is quicker than one woken.
+  Recruiting interactiveRecruiting{std::chrono::microseconds(200), 8, nullptr};
 };
 
 // Dispatch on plain threads: every queue, global ones included, has its own

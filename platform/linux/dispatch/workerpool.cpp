@@ -21,7 +21,8 @@ WorkerPool::WorkerPool(std::string name, unsigned maxThreads, std::chrono::milli
       spin_(spin),
       recruiting_(recruiting),
       qos_(qos),
-      batchWakes_(batchWakes) {}
+      batchWakes_(batchWakes),
+      meanGap_(4 * spin) {}
 
 WorkerPool::~WorkerPool() { shutdown(); }
 
@@ -31,9 +32,12 @@ void WorkerPool::post(Task task) {
   bool arm = false;
   // Pools made on the stack (tests) have no owner to keep them for later.
   const bool deferred = WakeBatch::defer(weak_from_this().lock());
+  const auto now = spin_.count() > 0 ? std::chrono::steady_clock::now()
+                                     : std::chrono::steady_clock::time_point();
   {
     std::lock_guard lock(mutex_);
     if (stopping_) return;
+    if (spin_.count() > 0) notePostLocked(now);
     tasks_.push_back(std::move(task));
     queued_.store(tasks_.size(), std::memory_order_relaxed);
     if (!exited_.empty()) exited.swap(exited_);  // rare: workers that timed out
@@ -186,9 +190,6 @@ void WorkerPool::workerMain() {
   prioritiseThread(qos_);
   std::unique_lock lock(mutex_);
   --starting_;
-  // Spinning pays only when work comes back within the spin; after a sleep
-  // longer than that, the next idle spell sleeps at once.
-  bool spinPays = true;
   // Open while this worker gets through a run of tasks; always closed,
   // without the lock, before it waits or exits.
   std::optional<WakeBatch> batch;
@@ -235,12 +236,13 @@ void WorkerPool::workerMain() {
     if (stopping_ || released_) break;
     // One spinner is enough to catch the next task: more would only take
     // the CPUs from the thread that posts it, and from each other.
-    if (spin_.count() > 0 && spinPays && spinning_ == 0 && spinForWork(lock)) continue;
+    if (spinning_ == 0) {
+      const auto spin = spinLengthLocked();
+      if (spin.count() > 0 && spinForWork(lock, spin)) continue;
+    }
     ++idle_;
-    const auto asleep = std::chrono::steady_clock::now();
     const bool woken = wake_.wait_for(lock, idleTimeout_,
                                       [this] { return wakeups_ > 0 || stopping_ || released_; });
-    spinPays = std::chrono::steady_clock::now() - asleep < spin_;
     if (wakeups_ > 0) {
       --wakeups_;  // whoever woke us already took us off idle_
       continue;
@@ -256,10 +258,26 @@ void WorkerPool::workerMain() {
   if (idleExit) malloc_trim(0);
 }
 
-bool WorkerPool::spinForWork(std::unique_lock<std::mutex>& lock) {
+void WorkerPool::notePostLocked(std::chrono::steady_clock::time_point now) {
+  // Gaps far beyond the spin all count alike: one long pause must not take
+  // many posts to forget.
+  const auto gap = std::min<std::chrono::nanoseconds>(now - lastPosted_, 4 * spin_);
+  lastPosted_ = now;
+  meanGap_ += (gap - meanGap_) / 4;
+}
+
+// Spinning pays only while tasks come closer together than the spin: then
+// the next is caught without a wake-up. Spread out, they would only burn
+// the CPU the programs being watched need.
+std::chrono::nanoseconds WorkerPool::spinLengthLocked() const {
+  if (spin_.count() == 0 || meanGap_ > spin_) return std::chrono::nanoseconds(0);
+  return std::min<std::chrono::nanoseconds>(2 * meanGap_, spin_);
+}
+
+bool WorkerPool::spinForWork(std::unique_lock<std::mutex>& lock, std::chrono::nanoseconds spin) {
   ++spinning_;
   lock.unlock();
-  const auto until = std::chrono::steady_clock::now() + spin_;
+  const auto until = std::chrono::steady_clock::now() + spin;
   while (queued_.load(std::memory_order_relaxed) == 0 &&
          std::chrono::steady_clock::now() < until) {
 #if defined(__x86_64__) || defined(__i386__)

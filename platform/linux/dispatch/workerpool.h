@@ -78,8 +78,12 @@ class WorkerPool : public Wakeable, public std::enable_shared_from_this<WorkerPo
   TimerRef disarmLocked();
   void spawnLocked();
   void workerMain();
-  // Looks for work without the lock for up to spin_; true if some came.
-  bool spinForWork(std::unique_lock<std::mutex>& lock);
+  // Keeps the mean gap between posts, for spinLengthLocked().
+  void notePostLocked(std::chrono::steady_clock::time_point now);
+  // How long an idle worker looks for work before it sleeps: up to spin_.
+  std::chrono::nanoseconds spinLengthLocked() const;
+  // Looks for work without the lock for up to spin; true if some came.
+  bool spinForWork(std::unique_lock<std::mutex>& lock, std::chrono::nanoseconds spin);
   void retireLocked();
   static void joinAll(std::list<std::thread>& threads);
 
@@ -105,6 +109,8 @@ class WorkerPool : public Wakeable, public std::enable_shared_from_this<WorkerPo
   unsigned spinning_ = 0;  // looking for work without the lock
   unsigned busy_ = 0;      // running a task
   std::chrono::steady_clock::time_point lastTaken_;
+  std::chrono::steady_clock::time_point lastPosted_;
+  std::chrono::nanoseconds meanGap_;  // between posts
   bool checkArmed_ = false;
   TimerRef check_;  // the armed check, when arm() has returned it
   std::atomic<size_t> queued_{0};  // tasks_.size(), for spinners
