@@ -214,6 +214,18 @@ TEST(LinuxXpcFrames, DecoderAndCallCheckNameWhatIsWrong) {
   };
   const std::string arg = "argument 1 of \"handleFileEvent:\": ";
   EXPECT_EQ(decodeError(), arg + "dictionary key \"pid\" appears twice");
+  {
+    // Past the keys a scan checks: the first of them repeated last.
+    ::lumo::link::Frame large = frame;
+    auto* many = large.mutable_call()->mutable_args(0)->mutable_dictionary();
+    many->mutable_entries(1)->set_key("k1");
+    for (int i = 2; i < 40; ++i) *many->add_entries() = many->entries(1);
+    for (int i = 2; i < 40; ++i) many->mutable_entries(i)->set_key("k" + std::to_string(i));
+    many->mutable_entries(39)->set_key("pid");
+    std::string bytes;
+    large.SerializeToString(&bytes);
+    EXPECT_EQ(decodeError(bytes), arg + "dictionary key \"pid\" appears twice");
+  }
   entries->mutable_entries(1)->set_key("\xc3\x28");
   EXPECT_EQ(decodeError(), arg + "dictionary key is not valid UTF-8");
   entries->mutable_entries(1)->set_key("uid");

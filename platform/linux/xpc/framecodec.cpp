@@ -27,6 +27,9 @@ std::string tooDeep() {
   return "values nested deeper than " + std::to_string(kMaxValueDepth) + " levels";
 }
 
+// Dictionaries up to this many keys are checked for repeats by a scan.
+constexpr int kScannedKeys = 32;
+
 bool fromWire(const wire::Value& in, Value* out, int depth, std::string* error) {
   if (depth > kMaxValueDepth) {
     *error = tooDeep();
@@ -53,13 +56,25 @@ bool fromWire(const wire::Value& in, Value* out, int depth, std::string* error) 
     case wire::Value::kDictionary: {
       Dictionary dict;
       dict.entries.reserve(in.dictionary().entries_size());
-      std::unordered_set<std::string_view> keys;
-      for (const wire::DictEntry& e : in.dictionary().entries()) {
+      const auto& entries = in.dictionary().entries();
+      std::unordered_set<std::string_view> keys;  // only for large dictionaries
+      for (int i = 0; i < entries.size(); ++i) {
+        const wire::DictEntry& e = entries[i];
         if (!isValidUtf8(e.key())) {
           *error = "dictionary key is not valid UTF-8";
           return false;
         }
-        if (!keys.insert(e.key()).second) {
+        // A record's dozen keys are scanned faster than hashed.
+        bool repeated = false;
+        if (i < kScannedKeys) {
+          for (int j = 0; j < i && !repeated; ++j) repeated = entries[j].key() == e.key();
+        } else {
+          if (keys.empty()) {
+            for (int j = 0; j < i; ++j) keys.insert(entries[j].key());
+          }
+          repeated = !keys.insert(e.key()).second;
+        }
+        if (repeated) {
           *error = "dictionary key " + quoted(e.key()) + " appears twice";
           return false;
         }
