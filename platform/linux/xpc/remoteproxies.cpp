@@ -17,6 +17,14 @@ CallFrame withReply(const char* selector, std::vector<Value> args) {
   return CallFrame{selector, std::move(args), uint64_t{0}};
 }
 
+// A record as the only argument, copied once: a braced list would copy it
+// into the list and again out of it.
+std::vector<Value> record(const Dictionary& event) {
+  std::vector<Value> args;
+  args.emplace_back(event);
+  return args;
+}
+
 template <typename T>
 Value orNil(const T* object) {
   return object ? Value(*object) : Value();
@@ -29,19 +37,19 @@ void RemoteDaemonProxy::registerWithCompletionHandler(ReplyBlock reply) {
 }
 
 void RemoteDaemonProxy::handleFileEvent(const Dictionary& event) {
-  send_(oneWay(selectors::kHandleFileEvent, {event}), nullptr);
+  send_(oneWay(selectors::kHandleFileEvent, record(event)), nullptr);
 }
 
 void RemoteDaemonProxy::handlePrinterEvent(const Dictionary& event) {
-  send_(oneWay(selectors::kHandlePrinterEvent, {event}), nullptr);
+  send_(oneWay(selectors::kHandlePrinterEvent, record(event)), nullptr);
 }
 
 void RemoteDaemonProxy::handleProcessStartEvent(const Dictionary& event) {
-  send_(oneWay(selectors::kHandleProcessStartEvent, {event}), nullptr);
+  send_(oneWay(selectors::kHandleProcessStartEvent, record(event)), nullptr);
 }
 
 void RemoteDaemonProxy::handleProcessExitEvent(const Dictionary& event) {
-  send_(oneWay(selectors::kHandleProcessExitEvent, {event}), nullptr);
+  send_(oneWay(selectors::kHandleProcessExitEvent, record(event)), nullptr);
 }
 
 void RemoteSysextProxy::addMountPoint(const std::string* volume, uint64_t mountType) {
