@@ -26,7 +26,7 @@ struct DispatchLimits {
   Recruiting otherRecruiting{std::chrono::milliseconds(2), 64, nullptr};
   // UserInteractive ones much sooner: their tasks may wait on the daemon,
   // but a worker about to finish its task is quicker than one woken.
-  Recruiting interactiveRecruiting{std::chrono::microseconds(200), 8, nullptr};
+  Recruiting interactiveRecruiting{std::chrono::microseconds(100), 8, nullptr};
 };
 
 // Dispatch on plain threads: every queue, global ones included, has its own
