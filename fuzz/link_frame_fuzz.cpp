@@ -15,6 +15,7 @@
 #include "xpc/calldispatch.h"
 #include "xpc/framecodec.h"
 #include "xpc/remoteproxies.h"
+#include "xpc/wirereader.h"
 
 namespace transport = tarvex::itx::xpc::linux_platform;
 using tarvex::itx::xpc::ReplyBlock;
@@ -64,8 +65,15 @@ void checkDispatch(const transport::CallFrame& call, transport::Protocol protoco
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::string error;
+  const std::string_view input(reinterpret_cast<const char*>(data), size);
   const std::optional<std::vector<transport::Frame>> frames =
-      transport::decodeMessage({reinterpret_cast<const char*>(data), size}, &error);
+      transport::decodeMessage(input, &error);
+  // The direct read answers only what the generated classes would.
+  if (const auto direct = transport::CanonicalReader::read(input)) {
+    std::string parseError;
+    const auto parsed = transport::decodeMessageParsed(input, &parseError);
+    require(parsed.has_value() && *parsed == *direct, "the direct read differs from the parser");
+  }
   if (!frames) {
     require(!error.empty(), "a rejected message without a reason");
     return 0;
@@ -77,6 +85,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   for (const transport::Frame& frame : *frames) {
     std::optional<std::string> bytes = transport::encodeFrame(frame, &error);
     if (!bytes) return 0;
+    require(transport::CanonicalReader::read(*bytes).has_value(),
+            "the writer's form is not read directly");
     const auto again = transport::decodeMessage(*bytes, &error);
     require(again && again->size() == 1, "a re-encoded frame does not decode");
     require(again->front() == frame, "a frame changed through encode and decode");

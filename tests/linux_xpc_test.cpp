@@ -27,6 +27,7 @@
 #include "xpc/socketpath.h"
 #include "xpc/unixsocketconnector.h"
 #include "xpc/unixsocketlistener.h"
+#include "xpc/wirereader.h"
 
 namespace tarvex::itx::xpc::linux_platform {
 namespace {
@@ -144,9 +145,9 @@ std::string generatedBytes(const Frame& frame) {
 }
 
 // Every kind of value at its edges, byte for byte as the generated classes
-// write it (the transport test takes them across the socket), and what the
-// encoder refuses to send.
-TEST(LinuxXpcFrames, TheEncoderWritesTheGeneratedBytesAndNothingThePeerWouldReject) {
+// write it and read back directly as they would read it (the transport test
+// takes them across the socket), and what the encoder refuses to send.
+TEST(LinuxXpcFrames, TheCodecWritesAndReadsAsTheGeneratedClassesAndNothingThePeerWouldReject) {
   const Dictionary numbers{{
       {"i0", Number::ofInt(0)},
       {"i-", Number::ofInt(-1)},
@@ -187,8 +188,15 @@ TEST(LinuxXpcFrames, TheEncoderWritesTheGeneratedBytesAndNothingThePeerWouldReje
   for (const Frame& frame : frames) {
     const std::string bytes = encoded(frame);
     EXPECT_EQ(bytes, generatedBytes(frame));
-    EXPECT_EQ(decodeMessage(bytes, &error), std::vector<Frame>{frame}) << error;
+    EXPECT_EQ(CanonicalReader::read(bytes), std::vector<Frame>{frame});
+    EXPECT_EQ(decodeMessageParsed(bytes, &error), std::vector<Frame>{frame}) << error;
   }
+  // Out of the writer's order (the id before the selector) the generated
+  // classes read it, to the same frame.
+  const std::string reordered = std::string("\x0a\x05\x18\x07\x0a\x01x", 7);
+  EXPECT_FALSE(CanonicalReader::read(reordered));
+  const std::vector<Frame> idFirst{CallFrame{"x", {}, uint64_t{7}}};
+  EXPECT_EQ(decodeMessage(reordered, &error), idFirst) << error;
 
   EXPECT_FALSE(encodeFrame(CallFrame{"x", {nested(kMaxValueDepth + 1)}, std::nullopt}, &error));
   EXPECT_EQ(error, "values nested deeper than 32 levels");

@@ -7,6 +7,7 @@
 
 #include "daemonlink.pb.h"
 #include "xpc/utf8.h"
+#include "xpc/wirereader.h"
 #include "xpc/wirewriter.h"
 
 namespace tarvex::itx::xpc::linux_platform {
@@ -183,6 +184,13 @@ std::string packFrames(const std::vector<const std::string*>& encoded) {
 }
 
 std::optional<std::vector<Frame>> decodeMessage(std::string_view bytes, std::string* error) {
+  if (bytes.size() <= kMaxFrameBytes) {
+    if (std::optional<std::vector<Frame>> frames = CanonicalReader::read(bytes)) return frames;
+  }
+  return decodeMessageParsed(bytes, error);
+}
+
+std::optional<std::vector<Frame>> decodeMessageParsed(std::string_view bytes, std::string* error) {
   if (bytes.size() > kMaxFrameBytes) {
     *error = tooLarge(bytes.size(), kMaxFrameBytes);
     return std::nullopt;

@@ -32,4 +32,8 @@ std::string packFrames(const std::vector<const std::string*>& encoded);
 // UTF-8, a value of no kind, a repeated dictionary key, too deep).
 std::optional<std::vector<Frame>> decodeMessage(std::string_view bytes, std::string* error);
 
+// The same, always through the generated classes: without the direct read
+// of messages in the writer's own form, which this checks.
+std::optional<std::vector<Frame>> decodeMessageParsed(std::string_view bytes, std::string* error);
+
 }  // namespace tarvex::itx::xpc::linux_platform
