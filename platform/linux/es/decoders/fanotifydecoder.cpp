@@ -128,7 +128,7 @@ void FanotifyDecoder::handle(const char* buffer, size_t length) {
   for (const Record& r : records_) {
     if ((r.mask & FAN_DELETE) && r.objectKey) gone_.insert(*r.objectKey);
   }
-  for (const Record& r : records_) dispatch(r);
+  for (Record& r : records_) dispatch(r);
   records_.clear();
   gone_.clear();
 }
@@ -140,7 +140,7 @@ void FanotifyDecoder::flush() {
   emitRename(held, false);
 }
 
-void FanotifyDecoder::dispatch(const Record& r) {
+void FanotifyDecoder::dispatch(Record& r) {
   if (pending_) {
     const Record& p = *pending_;
     const bool mirrored = (r.mask & FAN_RENAME) && r.pid == p.pid && r.oldEntry && r.newEntry &&
@@ -166,13 +166,13 @@ void FanotifyDecoder::dispatch(const Record& r) {
     flush();
   }
   if (r.mask & FAN_RENAME) {
-    pending_ = r;
+    pending_ = std::move(r);
     lastAttrib_.reset();
     return;
   }
   if (r.mask & FAN_CREATE) {
     const bool link = lastAttrib_ && lastAttrib_->pid == r.pid && r.objectKey &&
-                      lastAttrib_->objectKey == r.objectKey;
+                      lastAttrib_->objectKey == *r.objectKey;
     lastAttrib_.reset();
     if (r.entry) {
       if (auto path = pathOf(*r.entry)) {
@@ -184,7 +184,13 @@ void FanotifyDecoder::dispatch(const Record& r) {
       }
     }
   }
-  if (r.mask & FAN_ATTRIB) lastAttrib_ = r;
+  if (r.mask & FAN_ATTRIB) {
+    if (r.objectKey) {
+      lastAttrib_ = Attrib{r.pid, *r.objectKey};
+    } else {
+      lastAttrib_.reset();  // could start no link
+    }
+  }
   std::optional<std::string> path;
   const bool opened = (r.mask & FAN_OPEN) && !(r.mask & FAN_OPEN_EXEC);
   if ((opened || (r.mask & FAN_CLOSE_WRITE)) && r.entry) {
@@ -245,9 +251,11 @@ std::optional<std::string> FanotifyDecoder::knownPath(const std::string& objectK
 Message* FanotifyDecoder::begin(es_event_type_t type, pid_t pid) {
   auto* m = new Message(type, ES_ACTION_TYPE_NOTIFY);
   std::optional<ProcessInfo> info = sink_.processes().lookup(pid);
-  ProcessInfo known = info ? *info : ProcessInfo{};
-  if (!info) known.pid = pid;
-  m->es.process = m->addProcess(known);
+  if (!info) {
+    info.emplace();
+    info->pid = pid;
+  }
+  m->es.process = m->addProcess(*info);
   return m;
 }
 

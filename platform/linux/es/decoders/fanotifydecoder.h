@@ -84,7 +84,8 @@ class FanotifyDecoder {
   };
 
   bool parse(const fanotify_event_metadata& metadata, const char* raw, Record& out);
-  void dispatch(const Record& record);
+  // Takes what it keeps for later from the record.
+  void dispatch(Record& record);
   std::optional<std::string> pathOf(const Named& entry);
   void rememberPath(const std::string& objectKey, const std::string& path);
   std::optional<std::string> knownPath(const std::string& objectKey);
@@ -109,7 +110,11 @@ class FanotifyDecoder {
   std::vector<Record> records_;         // the read being decoded
   std::unordered_set<std::string_view> gone_;  // its objects deleted, into records_
   std::optional<Record> pending_;       // a rename waiting for what follows
-  std::optional<Record> lastAttrib_;    // the ATTRIB a link would start with
+  struct Attrib {
+    pid_t pid;
+    std::string objectKey;
+  };
+  std::optional<Attrib> lastAttrib_;    // the ATTRIB a link would start with
   std::unordered_set<std::string> modified_;
   // Recently seen paths by object, for a link's source: a handle of an
   // inode with two names may resolve to either.

@@ -66,13 +66,14 @@ template <typename T, size_t N>
 class Slots {
  public:
   T& add() {
-    if (used_ < N) return inline_[used_++];
+    if (used_ < N) return inline_[used_++] = T{};
     if (!more_) more_.emplace();
     return more_->emplace_back();
   }
 
  private:
-  std::array<T, N> inline_{};
+  // Cleared as they are taken: most messages use one or two.
+  std::array<T, N> inline_;
   size_t used_ = 0;
   std::optional<std::deque<T>> more_;
 };
