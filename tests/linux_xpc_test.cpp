@@ -223,7 +223,7 @@ TEST(LinuxXpcFrames, DecoderAndCallCheckNameWhatIsWrong) {
   const std::string arg = "argument 1 of \"handleFileEvent:\": ";
   EXPECT_EQ(decodeError(), arg + "dictionary key \"pid\" appears twice");
   {
-    // Past the keys a scan checks: the first of them repeated last.
+    // Past the keys the direct read checks by a scan: the first repeated last.
     ::lumo::link::Frame large = frame;
     auto* many = large.mutable_call()->mutable_args(0)->mutable_dictionary();
     many->mutable_entries(1)->set_key("k1");

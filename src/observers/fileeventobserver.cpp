@@ -54,42 +54,51 @@ FileEventObserver::FileEventObserver() : openScope(tarvex::itx::rtn::platform().
   events = {ES_EVENT_TYPE_NOTIFY_OPEN,   ES_EVENT_TYPE_NOTIFY_CLOSE,
             ES_EVENT_TYPE_NOTIFY_RENAME, ES_EVENT_TYPE_NOTIFY_LINK,
             ES_EVENT_TYPE_NOTIFY_UNLINK, ES_EVENT_TYPE_NOTIFY_EXCHANGEDATA};
-  std::lock_guard<std::mutex> lock(mountMutex);
-  publishOpenScopeLocked();
+  publishOpenScope();
 }
 
-void FileEventObserver::publishOpenScopeLocked() {
+void FileEventObserver::publishOpenScope() {
   if (openScope == nullptr) return;
-  // Every volume whose opens fillOpen keeps: a nested regular one that
-  // takes a path first only means more opens reach it than it reports.
+  // One at a time, each with the table as it is then: the last one told
+  // is the latest table, while lookups never wait for the platform.
+  std::lock_guard<std::mutex> publishing(publishMutex);
   std::vector<std::string> volumes;
-  for (const auto& [volume, type] : mountPoints) {
-    if (type != sysext::kRegular) volumes.push_back(volume);
+  {
+    std::lock_guard<std::mutex> lock(mountMutex);
+    // Every volume whose opens fillOpen keeps: a nested regular one that
+    // takes a path first only means more opens reach it than it reports.
+    for (const auto& [volume, type] : mountPoints) {
+      if (type != sysext::kRegular) volumes.push_back(volume);
+    }
   }
   openScope->wantOpensUnder(volumes);
 }
 
 void FileEventObserver::addMountPoint(const std::string& volume, sysext::MountType type) {
-  std::lock_guard<std::mutex> lock(mountMutex);
-  mountPoints[volume] = type;
-  publishOpenScopeLocked();
+  {
+    std::lock_guard<std::mutex> lock(mountMutex);
+    mountPoints[volume] = type;
+  }
+  publishOpenScope();
   LOG_INFO("new volume: %{public}s <%{public}s> was registered", volume.c_str(),
            mountTypeName(type));
 }
 
 void FileEventObserver::removeMountPoint(const std::string& volume) {
-  std::lock_guard<std::mutex> lock(mountMutex);
-  auto it = mountPoints.find(volume);
-  if (it == mountPoints.end()) return;
-  mountPoints.erase(it);
-  publishOpenScopeLocked();
+  {
+    std::lock_guard<std::mutex> lock(mountMutex);
+    if (mountPoints.erase(volume) == 0) return;
+  }
+  publishOpenScope();
   LOG_INFO("volume: %{public}s was unregistered", volume.c_str());
 }
 
 void FileEventObserver::clearMountPoints() {
-  std::lock_guard<std::mutex> lock(mountMutex);
-  mountPoints.clear();
-  publishOpenScopeLocked();
+  {
+    std::lock_guard<std::mutex> lock(mountMutex);
+    mountPoints.clear();
+  }
+  publishOpenScope();
   LOG_INFO("mountpoints were cleared");
 }
 

@@ -53,9 +53,10 @@ class FileEventObserver : public EventObserver {
   bool fillRename(const es_message_t* message, sysext::FileEvent& event);
   bool fillUnlink(const es_message_t* message, sysext::FileEvent& event);
   // Tells the platform's open scope, if any, which volumes opens are
-  // reported on. Under mountMutex, so the scope follows the table in order.
-  void publishOpenScopeLocked();
+  // reported on.
+  void publishOpenScope();
 
+  std::mutex publishMutex;  // taken before mountMutex, never after
   std::mutex mountMutex;
   std::map<std::string, sysext::MountType, std::less<>> mountPoints;
   tarvex::itx::rtn::IOpenScope* const openScope;

@@ -51,16 +51,6 @@ void appendInteger(std::string& out, T value) {
   out.append(digits, end);
 }
 
-}  // namespace
-
-std::string jsonString(std::string_view text) {
-  std::string out;
-  appendJsonString(out, text);
-  return out;
-}
-
-namespace {
-
 std::string hexBytes(std::string_view bytes) {
   static constexpr char kHex[] = "0123456789abcdef";
   std::string out;
@@ -75,7 +65,10 @@ std::string hexBytes(std::string_view bytes) {
 void appendJsonNumber(std::string& out, const Number& n) {
   switch (n.kind) {
     case NumberKind::Int: out += "{\"int\":"; appendInteger(out, n.intValue()); break;
-    case NumberKind::UnsignedInt: out += "{\"uint\":"; appendInteger(out, n.unsignedIntValue()); break;
+    case NumberKind::UnsignedInt:
+      out += "{\"uint\":";
+      appendInteger(out, n.unsignedIntValue());
+      break;
     case NumberKind::LongLong: out += "{\"longlong\":"; appendInteger(out, n.asSigned()); break;
     case NumberKind::UnsignedLongLong: out += "{\"ulonglong\":"; appendInteger(out, n.bits); break;
     case NumberKind::Bool: out += n.bits ? "{\"bool\":true" : "{\"bool\":false"; break;
@@ -104,6 +97,12 @@ void appendJsonValue(std::string& out, const Value& value) {
 }
 
 }  // namespace
+
+std::string jsonString(std::string_view text) {
+  std::string out;
+  appendJsonString(out, text);
+  return out;
+}
 
 std::string jsonValue(const Value& value) {
   std::string out;

@@ -32,8 +32,11 @@ void WorkerPool::post(Task task) {
   bool arm = false;
   // Pools made on the stack (tests) have no owner to keep them for later.
   const bool deferred = WakeBatch::defer(weak_from_this().lock());
-  const auto now = spin_.count() > 0 ? std::chrono::steady_clock::now()
-                                     : std::chrono::steady_clock::time_point();
+  // Read once, outside the lock; a deferred post of a pool that doesn't
+  // spin needs no time at all.
+  const bool timed = spin_.count() > 0 || !deferred;
+  const auto now =
+      timed ? std::chrono::steady_clock::now() : std::chrono::steady_clock::time_point();
   {
     std::lock_guard lock(mutex_);
     if (stopping_) return;
@@ -42,7 +45,7 @@ void WorkerPool::post(Task task) {
     queued_.store(tasks_.size(), std::memory_order_relaxed);
     if (!exited_.empty()) exited.swap(exited_);  // rare: workers that timed out
     // A spinning worker will find the task without being woken.
-    if (!deferred) notify = spinning_ == 0 && recruitLocked(std::chrono::steady_clock::now(), &arm);
+    if (!deferred) notify = spinning_ == 0 && recruitLocked(now, &arm);
   }
   if (notify) wake_.notify_one();
   if (arm) armStallCheck();

@@ -7,6 +7,7 @@
 
 #include "daemonlink.pb.h"
 #include "xpc/utf8.h"
+#include "xpc/wireformat.h"
 #include "xpc/wirereader.h"
 #include "xpc/wirewriter.h"
 
@@ -27,9 +28,6 @@ std::string quoted(std::string_view text) {
 std::string tooDeep() {
   return "values nested deeper than " + std::to_string(kMaxValueDepth) + " levels";
 }
-
-// Dictionaries up to this many keys are checked for repeats by a scan.
-constexpr int kScannedKeys = 32;
 
 bool fromWire(const wire::Value& in, Value* out, int depth, std::string* error) {
   if (depth > kMaxValueDepth) {
@@ -57,25 +55,13 @@ bool fromWire(const wire::Value& in, Value* out, int depth, std::string* error) 
     case wire::Value::kDictionary: {
       Dictionary dict;
       dict.entries.reserve(in.dictionary().entries_size());
-      const auto& entries = in.dictionary().entries();
-      std::unordered_set<std::string_view> keys;  // only for large dictionaries
-      for (int i = 0; i < entries.size(); ++i) {
-        const wire::DictEntry& e = entries[i];
+      std::unordered_set<std::string_view> keys;
+      for (const wire::DictEntry& e : in.dictionary().entries()) {
         if (!isValidUtf8(e.key())) {
           *error = "dictionary key is not valid UTF-8";
           return false;
         }
-        // A record's dozen keys are scanned faster than hashed.
-        bool repeated = false;
-        if (i < kScannedKeys) {
-          for (int j = 0; j < i && !repeated; ++j) repeated = entries[j].key() == e.key();
-        } else {
-          if (keys.empty()) {
-            for (int j = 0; j < i; ++j) keys.insert(entries[j].key());
-          }
-          repeated = !keys.insert(e.key()).second;
-        }
-        if (repeated) {
+        if (!keys.insert(e.key()).second) {
           *error = "dictionary key " + quoted(e.key()) + " appears twice";
           return false;
         }
@@ -135,9 +121,6 @@ void appendVarint(std::string& out, uint64_t value) {
   out.push_back(static_cast<char>(value));
 }
 
-// Field tags of a length-delimited Frame.pack and Pack.frames.
-constexpr char kPackTag = (4 << 3) | 2;
-constexpr char kPackedFrameTag = (1 << 3) | 2;
 
 std::optional<Frame> fromWireFrame(const wire::Frame& in, size_t size, std::string* error) {
   switch (in.body_case()) {
@@ -174,11 +157,11 @@ std::optional<Frame> fromWireFrame(const wire::Frame& in, size_t size, std::stri
 std::string packFrames(const std::vector<const std::string*>& encoded) {
   std::string body;
   for (const std::string* frame : encoded) {
-    body.push_back(kPackedFrameTag);
+    body.push_back(linktag::kPackedFrame);
     appendVarint(body, frame->size());
     body += *frame;
   }
-  std::string out(1, kPackTag);
+  std::string out(1, linktag::kPack);
   appendVarint(out, body.size());
   return out + body;
 }

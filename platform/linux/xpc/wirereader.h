@@ -11,6 +11,7 @@
 
 #include "xpc/framecodec.h"
 #include "xpc/utf8.h"
+#include "xpc/wireformat.h"
 
 namespace tarvex::itx::xpc::linux_platform {
 
@@ -31,7 +32,7 @@ class CanonicalReader {
     uint64_t tag = 0;
     std::string_view body;
     if (!in.field(&tag, &body) || !in.done()) return std::nullopt;
-    if (tag != kPackTag) {
+    if (tag != linktag::kPack) {
       std::optional<Frame> frame = readFrame(tag, body);
       if (!frame) return std::nullopt;
       frames.push_back(std::move(*frame));
@@ -40,7 +41,7 @@ class CanonicalReader {
     CanonicalReader pack(body);
     std::string_view inner;
     while (!pack.done()) {
-      if (!pack.field(&tag, &inner) || tag != kPackedFrameTag) return std::nullopt;
+      if (!pack.field(&tag, &inner) || tag != linktag::kPackedFrame) return std::nullopt;
       CanonicalReader one(inner);
       std::string_view frameBody;
       if (!one.field(&tag, &frameBody) || !one.done()) return std::nullopt;
@@ -53,18 +54,6 @@ class CanonicalReader {
   }
 
  private:
-  // Tags as proto/daemonlink.proto numbers the fields: number << 3 | type.
-  static constexpr uint64_t kCallTag = 1 << 3 | 2, kReplyTag = 2 << 3 | 2, kPackTag = 4 << 3 | 2;
-  static constexpr uint64_t kPackedFrameTag = 1 << 3 | 2;
-  static constexpr uint64_t kSelectorTag = 1 << 3 | 2, kArgTag = 2 << 3 | 2, kCallIdTag = 3 << 3;
-  static constexpr uint64_t kReplyIdTag = 1 << 3, kReplyValueTag = 2 << 3;
-  static constexpr uint64_t kEntryTag = 1 << 3 | 2, kKeyTag = 1 << 3 | 2,
-                            kEntryValueTag = 2 << 3 | 2;
-  static constexpr uint64_t kNilTag = 1 << 3 | 2, kStringTag = 2 << 3 | 2,
-                            kIntTag = 3 << 3, kUnsignedIntTag = 4 << 3, kLongLongTag = 5 << 3,
-                            kUnsignedLongLongTag = 6 << 3, kBoolTag = 7 << 3,
-                            kDictionaryTag = 8 << 3 | 2, kArrayTag = 9 << 3 | 2;
-
   explicit CanonicalReader(std::string_view bytes)
       : at_(bytes.data()), end_(bytes.data() + bytes.size()) {}
 
@@ -106,15 +95,15 @@ class CanonicalReader {
     uint64_t field = 0;
     uint64_t number = 0;
     std::string_view bytes;
-    if (tag == kReplyTag) {
+    if (tag == linktag::kReply) {
       ReplyFrame reply;
       uint64_t last = 0;
       while (!in.done()) {
         if (!in.field(&field, &bytes, &number) || field <= last) return std::nullopt;
         last = field;
-        if (field == kReplyIdTag) {
+        if (field == linktag::kReplyId) {
           reply.replyId = number;
-        } else if (field == kReplyValueTag && number <= 1) {
+        } else if (field == linktag::kReplyValue && number <= 1) {
           reply.value = number == 1;
         } else {
           return std::nullopt;
@@ -122,20 +111,20 @@ class CanonicalReader {
       }
       return Frame(reply);
     }
-    if (tag != kCallTag) return std::nullopt;
+    if (tag != linktag::kCall) return std::nullopt;
     CallFrame call;
     uint64_t last = 0;
     while (!in.done()) {
       if (!in.field(&field, &bytes, &number)) return std::nullopt;
-      if (field < last || (field == last && field != kArgTag)) return std::nullopt;
+      if (field < last || (field == last && field != linktag::kArg)) return std::nullopt;
       last = field;
-      if (field == kSelectorTag) {
+      if (field == linktag::kSelector) {
         if (!isValidUtf8(bytes)) return std::nullopt;
         call.selector.assign(bytes);
-      } else if (field == kArgTag) {
+      } else if (field == linktag::kArg) {
         call.args.emplace_back();
         if (!readValue(bytes, 1, &call.args.back())) return std::nullopt;
-      } else if (field == kCallIdTag) {
+      } else if (field == linktag::kCallId) {
         call.replyId = number;
       } else {
         return std::nullopt;
@@ -152,33 +141,33 @@ class CanonicalReader {
     std::string_view bytes;
     if (!in.field(&tag, &bytes, &n) || !in.done()) return false;  // exactly one kind
     switch (tag) {
-      case kNilTag: *out = Value(); return bytes.empty();
-      case kStringTag:
+      case linktag::kNil: *out = Value(); return bytes.empty();
+      case linktag::kString:
         if (!isValidUtf8(bytes)) return false;
         *out = Value(std::string(bytes));
         return true;
-      case kIntTag:
+      case linktag::kInt:
         if (n > UINT32_MAX) return false;
-        *out = Value(Number::ofInt(static_cast<int32_t>((n >> 1) ^ (~(n & 1) + 1))));
+        *out = Value(Number::ofInt(static_cast<int32_t>(linktag::unzigzag(n))));
         return true;
-      case kUnsignedIntTag:
+      case linktag::kUnsignedInt:
         if (n > UINT32_MAX) return false;
         *out = Value(Number::ofUnsignedInt(static_cast<uint32_t>(n)));
         return true;
-      case kLongLongTag:
-        *out = Value(Number::ofLongLong(static_cast<int64_t>((n >> 1) ^ (~(n & 1) + 1))));
+      case linktag::kLongLong:
+        *out = Value(Number::ofLongLong(linktag::unzigzag(n)));
         return true;
-      case kUnsignedLongLongTag: *out = Value(Number::ofUnsignedLongLong(n)); return true;
-      case kBoolTag:
+      case linktag::kUnsignedLongLong: *out = Value(Number::ofUnsignedLongLong(n)); return true;
+      case linktag::kBool:
         if (n > 1) return false;
         *out = Value(Number::ofBool(n == 1));
         return true;
-      case kDictionaryTag: return readDictionary(bytes, depth, out);
-      case kArrayTag: {
+      case linktag::kDictionary: return readDictionary(bytes, depth, out);
+      case linktag::kArray: {
         Array array;
         CanonicalReader items(bytes);
         while (!items.done()) {
-          if (!items.field(&tag, &body) || tag != kEntryTag) return false;
+          if (!items.field(&tag, &body) || tag != linktag::kItem) return false;
           array.items.emplace_back();
           if (!readValue(body, depth + 1, &array.items.back())) return false;
         }
@@ -197,18 +186,18 @@ class CanonicalReader {
     uint64_t tag = 0;
     std::string_view entry;
     while (!entries.done()) {
-      if (!entries.field(&tag, &entry) || tag != kEntryTag) return false;
+      if (!entries.field(&tag, &entry) || tag != linktag::kEntry) return false;
       CanonicalReader in(entry);
       std::string_view key;
       std::string_view value;
       if (!in.field(&tag, &key)) return false;
-      if (tag == kKeyTag) {
+      if (tag == linktag::kKey) {
         if (key.empty() || !in.field(&tag, &value)) return false;  // an empty key is left out
       } else {
         value = key;
         key = {};
       }
-      if (tag != kEntryValueTag || !in.done() || !isValidUtf8(key)) return false;
+      if (tag != linktag::kEntryValue || !in.done() || !isValidUtf8(key)) return false;
       // A record's dozen keys are scanned faster than hashed.
       if (dict.entries.size() < kScannedKeys) {
         for (const DictEntry& e : dict.entries) {

@@ -10,11 +10,9 @@
 #include <vector>
 
 #include "xpc/framecodec.h"
+#include "xpc/wireformat.h"
 
 namespace tarvex::itx::xpc::linux_platform {
-
-// A field's tag: its number and wire type (0 varint, 2 length-delimited).
-constexpr char wireTag(int field, int type) { return static_cast<char>(field << 3 | type); }
 
 // A frame's lumo.link.Frame bytes, written straight from its values and
 // byte for byte as the generated serializer writes them: building those
@@ -53,29 +51,19 @@ class FrameWriter {
   // Into `out`, which has room for exactly the measured size.
   void write(const Frame& frame, char* out) {
     if (const CallFrame* call = std::get_if<CallFrame>(&frame)) {
-      out = putVarint(out, kCallTag, body_);
-      if (!call->selector.empty()) out = putBytes(out, kSelectorTag, call->selector);
-      for (const Value& arg : call->args) out = putValue(out, kArgTag, arg);
-      if (call->replyId) putVarint(out, kCallIdTag, *call->replyId);
+      out = putVarint(out, linktag::kCall, body_);
+      if (!call->selector.empty()) out = putBytes(out, linktag::kSelector, call->selector);
+      for (const Value& arg : call->args) out = putValue(out, linktag::kArg, arg);
+      if (call->replyId) putVarint(out, linktag::kCallId, *call->replyId);
     } else {
       const ReplyFrame& reply = std::get<ReplyFrame>(frame);
-      out = putVarint(out, kReplyTag, body_);
-      if (reply.replyId) out = putVarint(out, kReplyIdTag, reply.replyId);
-      if (reply.value) putVarint(out, kReplyValueTag, 1);
+      out = putVarint(out, linktag::kReply, body_);
+      if (reply.replyId) out = putVarint(out, linktag::kReplyId, reply.replyId);
+      if (reply.value) putVarint(out, linktag::kReplyValue, 1);
     }
   }
 
  private:
-  // By message, as proto/daemonlink.proto numbers them.
-  static constexpr char kCallTag = wireTag(1, 2), kReplyTag = wireTag(2, 2);
-  static constexpr char kSelectorTag = wireTag(1, 2), kArgTag = wireTag(2, 2);
-  static constexpr char kCallIdTag = wireTag(3, 0);
-  static constexpr char kReplyIdTag = wireTag(1, 0), kReplyValueTag = wireTag(2, 0);
-  static constexpr char kEntryTag = wireTag(1, 2), kItemTag = wireTag(1, 2);
-  static constexpr char kKeyTag = wireTag(1, 2), kEntryValueTag = wireTag(2, 2);
-  static constexpr char kNilTag = wireTag(1, 2), kStringTag = wireTag(2, 2);
-  static constexpr char kDictionaryTag = wireTag(8, 2), kArrayTag = wireTag(9, 2);
-
   static size_t varintSize(uint64_t value) { return (64 - __builtin_clzll(value | 1) + 6) / 7; }
   // A length-delimited field's: tag, length, then the bytes.
   static size_t fieldSize(size_t length) { return 1 + varintSize(length) + length; }
@@ -83,21 +71,16 @@ class FrameWriter {
     return (key.empty() ? 0 : fieldSize(key.size())) + fieldSize(valueSize);
   }
 
-  // sint32 and sint64 alike: an int's zigzag fits the 32 bits sint32 takes.
-  static uint64_t zigzag(int64_t v) {
-    return (static_cast<uint64_t>(v) << 1) ^ static_cast<uint64_t>(v >> 63);
-  }
-
   // A number's tag and varint.
   static std::pair<char, uint64_t> numberField(const Number& n) {
     switch (n.kind) {
-      case NumberKind::Int: return {wireTag(3, 0), zigzag(n.intValue())};
-      case NumberKind::UnsignedInt: return {wireTag(4, 0), n.unsignedIntValue()};
-      case NumberKind::LongLong: return {wireTag(5, 0), zigzag(n.asSigned())};
-      case NumberKind::UnsignedLongLong: return {wireTag(6, 0), n.bits};
+      case NumberKind::Int: return {linktag::kInt, linktag::zigzag(n.intValue())};
+      case NumberKind::UnsignedInt: return {linktag::kUnsignedInt, n.unsignedIntValue()};
+      case NumberKind::LongLong: return {linktag::kLongLong, linktag::zigzag(n.asSigned())};
+      case NumberKind::UnsignedLongLong: return {linktag::kUnsignedLongLong, n.bits};
       case NumberKind::Bool: break;
     }
-    return {wireTag(7, 0), n.bits != 0};
+    return {linktag::kBool, n.bits != 0};
   }
 
   // A Value message that holds no other.
@@ -144,23 +127,23 @@ class FrameWriter {
   // compiler would reload and store the member around every one.
   char* putValue(char* out, char fieldTag, const Value& v) {
     out = putVarint(out, fieldTag, sizeOf(v));
-    if (v.isNil()) return putVarint(out, kNilTag, 0);
-    if (const std::string* s = v.string()) return putBytes(out, kStringTag, *s);
+    if (v.isNil()) return putVarint(out, linktag::kNil, 0);
+    if (const std::string* s = v.string()) return putBytes(out, linktag::kString, *s);
     if (const Number* n = v.number()) {
       const auto [numberTag, bits] = numberField(*n);
       return putVarint(out, numberTag, bits);
     }
     if (const Dictionary* d = v.dictionary()) {
-      out = putVarint(out, kDictionaryTag, bodyAt(next_++));
+      out = putVarint(out, linktag::kDictionary, bodyAt(next_++));
       for (const DictEntry& e : d->entries) {
-        out = putVarint(out, kEntryTag, entrySize(e.key, sizeOf(e.value)));
-        if (!e.key.empty()) out = putBytes(out, kKeyTag, e.key);
-        out = putValue(out, kEntryValueTag, e.value);
+        out = putVarint(out, linktag::kEntry, entrySize(e.key, sizeOf(e.value)));
+        if (!e.key.empty()) out = putBytes(out, linktag::kKey, e.key);
+        out = putValue(out, linktag::kEntryValue, e.value);
       }
       return out;
     }
-    out = putVarint(out, kArrayTag, bodyAt(next_++));
-    for (const Value& item : v.array()->items) out = putValue(out, kItemTag, item);
+    out = putVarint(out, linktag::kArray, bodyAt(next_++));
+    for (const Value& item : v.array()->items) out = putValue(out, linktag::kItem, item);
     return out;
   }
 

@@ -180,7 +180,7 @@ bool FanotifyFileSource::markMounts(const std::string& mountInfo) {
               mount.fsType.c_str());
   }
   // A volume mounted where none was lets the file system above it go.
-  return remarkLocked(mounts) && ok;
+  return remarkLocked(opens) && ok;
 }
 
 std::set<dev_t> FanotifyFileSource::openDevices(const std::vector<MountEntry>& mounts) const {
@@ -192,12 +192,13 @@ std::set<dev_t> FanotifyFileSource::openDevices(const std::vector<MountEntry>& m
     // mounted beneath it.
     std::string path = volume;
     struct stat st{};
-    while (::stat(path.c_str(), &st) != 0) {
+    bool found;
+    while (!(found = ::stat(path.c_str(), &st) == 0)) {
       const size_t slash = path.find_last_of('/');
       if (slash == std::string::npos || path == "/") break;
       path.resize(slash == 0 ? 1 : slash);
     }
-    if (::stat(path.c_str(), &st) == 0) devices.insert(st.st_dev);
+    if (found) devices.insert(st.st_dev);
     const std::string below = volume + "/";
     for (const MountEntry& mount : mounts) {
       if (mount.path != volume && mount.path.compare(0, below.size(), below) != 0) continue;
@@ -212,8 +213,11 @@ uint64_t FanotifyFileSource::maskOn(dev_t dev, const std::set<dev_t>& openDevice
   return mask_ & ~static_cast<uint64_t>(FAN_OPEN | FAN_OPEN_EXEC);
 }
 
-bool FanotifyFileSource::remarkLocked(const std::vector<MountEntry>& mounts) {
-  const std::set<dev_t> opens = openDevices(mounts);
+std::set<dev_t> FanotifyFileSource::openDevicesNow() const {
+  return openVolumes_ ? openDevices(parseMountInfo(readMountTable())) : std::set<dev_t>();
+}
+
+bool FanotifyFileSource::remarkLocked(const std::set<dev_t>& opens) {
   std::lock_guard<std::mutex> lock(marksMutex_);
   bool ok = true;
   for (auto& [fsid, marked] : marked_) {
@@ -240,12 +244,10 @@ void FanotifyFileSource::wantOpensUnder(const std::vector<std::string>& volumes)
   if (openVolumes_ == volumes) return;
   openVolumes_ = volumes;
   if (fd_ < 0 || (mask_ & FAN_OPEN) == 0) return;
-  remarkLocked(parseMountInfo(readMountTable()));
+  remarkLocked(openDevicesNow());
+  std::lock_guard<std::mutex> marksLock(marksMutex_);
   size_t withOpens = 0;
-  {
-    std::lock_guard<std::mutex> marksLock(marksMutex_);
-    for (const auto& [fsid, marked] : marked_) withOpens += (marked.mask & FAN_OPEN) != 0;
-  }
+  for (const auto& [fsid, marked] : marked_) withOpens += (marked.mask & FAN_OPEN) != 0;
   LOG_INFO("File events: opens watched on %d of %d file systems.", static_cast<int>(withOpens),
            static_cast<int>(marked_.size()));
 }
@@ -276,7 +278,7 @@ bool FanotifyFileSource::apply(const EventSet& wanted) {
   }
   // Change the marks in place: drop what is no longer wanted, add the rest.
   mask_ = mask;
-  return remarkLocked(parseMountInfo(readMountTable()));
+  return remarkLocked(openDevicesNow());
 }
 
 void FanotifyFileSource::stop() {

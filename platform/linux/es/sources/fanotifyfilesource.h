@@ -58,13 +58,15 @@ class FanotifyFileSource final : public IEventSource,
   void closeGroup();
   // Marks every watchable file system of the mount table not marked yet.
   bool markMounts(const std::string& mountInfo);
-  // Devices of the file systems a file under a scoped volume can be on.
+  // Devices of the file systems a file under a scoped volume can be on;
+  // none while there is no scope. Now: of the mount table as it is.
   std::set<dev_t> openDevices(const std::vector<MountEntry>& mounts) const;
+  std::set<dev_t> openDevicesNow() const;
   // The mask for a file system: mask_, less opens where none is wanted.
   uint64_t maskOn(dev_t dev, const std::set<dev_t>& openDevices) const;
   // Brings every mark to maskOn(); false when the kernel refused one.
   // Under mutex_.
-  bool remarkLocked(const std::vector<MountEntry>& mounts);
+  bool remarkLocked(const std::set<dev_t>& openDevices);
   void run();
   // Reads and decodes what is queued; the bytes read, 0 when nothing was.
   // Takes readMutex_.
