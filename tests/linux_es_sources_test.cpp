@@ -153,10 +153,11 @@ class Sink : public IEventSink, public IHandleResolver {
   ProcessCache& processes() override { return cache; }
   uint64_t now() override { return 0; }
   void catchUpOthers(const IEventSource*) override {}
-  std::optional<std::string> path(const std::string& key) override {
+  bool path(std::string_view key, std::string& out) override {
     auto it = paths.find(key);
-    if (it == paths.end()) return std::nullopt;
-    return it->second;
+    if (it == paths.end()) return false;
+    out += it->second;
+    return true;
   }
   bool stat(const std::string& path, struct stat* st) override {
     auto it = sizes.find(path);
@@ -164,7 +165,9 @@ class Sink : public IEventSink, public IHandleResolver {
     st->st_size = it->second;
     return true;
   }
-  bool statObject(const std::string& key, struct stat* st) override { return stat(key, st); }
+  bool statObject(std::string_view key, struct stat* st) override {
+    return stat(std::string(key), st);
+  }
   // The lines of what was delivered since the last call.
   Lines lines() {
     Lines out;
@@ -175,7 +178,8 @@ class Sink : public IEventSink, public IHandleResolver {
   EventSet wanted = EventSet().set();
   std::vector<Message*> delivered;
   size_t taken = 0;
-  std::map<std::string, std::string> paths{{keyOf(1), "/media/usb"}, {keyOf(2), "/media/usb/sub"}};
+  std::map<std::string, std::string, std::less<>> paths{{keyOf(1), "/media/usb"},
+                                                        {keyOf(2), "/media/usb/sub"}};
   // By path for directories, by handle for the files events name.
   std::map<std::string, off_t> sizes{{"/media/usb/a", 5}, {"/media/usb/b", 7}, {keyOf(10), 5},
                                      {keyOf(11), 7}};

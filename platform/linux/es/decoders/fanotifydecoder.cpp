@@ -25,10 +25,6 @@ struct HandleHeader {
   int32_t type;
 };
 
-std::string joinPath(const std::string& dir, const std::string& name) {
-  return dir == "/" ? "/" + name : dir + "/" + name;
-}
-
 }  // namespace
 
 FanotifyDecoder::FanotifyDecoder(IEventSink& sink, IHandleResolver& resolver, pid_t self)
@@ -38,6 +34,7 @@ bool FanotifyDecoder::parse(const fanotify_event_metadata& metadata, const char*
                             Record& out) {
   out.mask = metadata.mask;
   out.pid = metadata.pid;
+  out.raw = std::string_view(raw, metadata.event_len);
   const char* cursor = raw + metadata.metadata_len;
   const char* end = raw + metadata.event_len;
   while (cursor < end) {
@@ -62,28 +59,31 @@ bool FanotifyDecoder::parse(const fanotify_event_metadata& metadata, const char*
     HandleHeader handle;
     std::memcpy(&handle, body + sizeof(fanotify_event_info_fid), sizeof handle);
     if (handle.bytes > header.len - fixed) return false;
-    // The key: fsid, then the whole file_handle.
-    std::string key(body + offsetof(fanotify_event_info_fid, fsid), sizeof(__kernel_fsid_t));
-    key.append(body + sizeof(fanotify_event_info_fid), sizeof(HandleHeader) + handle.bytes);
+    // The key: fsid, then the whole file_handle, which the kernel lays out
+    // right after it.
+    static_assert(offsetof(fanotify_event_info_fid, fsid) + sizeof(__kernel_fsid_t) ==
+                  sizeof(fanotify_event_info_fid));
+    const std::string_view key(body + offsetof(fanotify_event_info_fid, fsid),
+                               sizeof(__kernel_fsid_t) + sizeof(HandleHeader) + handle.bytes);
     if (header.info_type == FAN_EVENT_INFO_TYPE_FID) {
-      out.objectKey = std::move(key);
+      out.objectKey = key;
       continue;
     }
     if (header.info_type == FAN_EVENT_INFO_TYPE_DFID) {
-      out.entry = Named{std::move(key), ""};
+      out.entry = Named{key, {}};
       continue;
     }
     const char* name = body + fixed + handle.bytes;
     const size_t room = header.len - fixed - handle.bytes;
     const size_t length = strnlen(name, room);
     if (length == room) return false;  // no terminating NUL
-    Named named{std::move(key), std::string(name, length)};
+    const Named named{key, std::string_view(name, length)};
     if (header.info_type == FAN_EVENT_INFO_TYPE_DFID_NAME) {
-      out.entry = std::move(named);
+      out.entry = named;
     } else if (header.info_type == FAN_EVENT_INFO_TYPE_OLD_DFID_NAME) {
-      out.oldEntry = std::move(named);
+      out.oldEntry = named;
     } else {
-      out.newEntry = std::move(named);
+      out.newEntry = named;
     }
   }
   return true;
@@ -112,10 +112,9 @@ void FanotifyDecoder::handle(const char* buffer, size_t length) {
       LOG_ERROR("fanotify queue overflowed: file events were lost (%llu overflows in all).",
                 static_cast<unsigned long long>(counters_.overflows.load()));
     } else if (metadata.pid != self_) {
-      Record record;
-      if (parse(metadata, buffer + offset, record)) {
-        records_.push_back(std::move(record));
-      } else {
+      Record& record = records_.emplace_back();
+      if (!parse(metadata, buffer + offset, record)) {
+        records_.pop_back();
         ++counters_.malformed;
         LOG_ERROR("fanotify record with mask 0x%llx has malformed information; dropped.",
                   static_cast<unsigned long long>(metadata.mask));
@@ -135,9 +134,28 @@ void FanotifyDecoder::handle(const char* buffer, size_t length) {
 
 void FanotifyDecoder::flush() {
   if (!pending_) return;
-  Record held = std::move(*pending_);
+  Record held = *pending_;
   pending_.reset();
   emitRename(held, false);
+}
+
+void FanotifyDecoder::hold(const Record& record) {
+  // The read's buffer is reused: the views move to a copy of the record.
+  pendingBytes_.assign(record.raw.begin(), record.raw.end());
+  const char* from = record.raw.data();
+  const char* to = pendingBytes_.data();
+  auto moved = [&](std::string_view v) {
+    return v.empty() ? v : std::string_view(to + (v.data() - from), v.size());
+  };
+  auto movedName = [&](std::optional<Named>& named) {
+    if (named) named = Named{moved(named->dirKey), moved(named->name)};
+  };
+  Record& held = pending_.emplace(record);
+  held.raw = std::string_view(to, pendingBytes_.size());
+  movedName(held.entry);
+  movedName(held.oldEntry);
+  movedName(held.newEntry);
+  if (held.objectKey) held.objectKey = moved(*held.objectKey);
 }
 
 void FanotifyDecoder::dispatch(Record& r) {
@@ -149,7 +167,7 @@ void FanotifyDecoder::dispatch(Record& r) {
                           r.newEntry->dirKey == p.oldEntry->dirKey &&
                           r.newEntry->name == p.oldEntry->name;
     if (mirrored) {
-      Record first = std::move(*pending_);
+      Record first = *pending_;
       pending_.reset();
       emitExchange(first);
       return;
@@ -158,7 +176,7 @@ void FanotifyDecoder::dispatch(Record& r) {
     const bool victim = r.mask == FAN_ATTRIB && r.pid == p.pid && r.objectKey &&
                         r.objectKey != p.objectKey;
     if (victim) {
-      Record held = std::move(*pending_);
+      Record held = *pending_;
       pending_.reset();
       emitRename(held, true);
       return;
@@ -166,7 +184,7 @@ void FanotifyDecoder::dispatch(Record& r) {
     flush();
   }
   if (r.mask & FAN_RENAME) {
-    pending_ = std::move(r);
+    hold(r);
     lastAttrib_.reset();
     return;
   }
@@ -174,88 +192,91 @@ void FanotifyDecoder::dispatch(Record& r) {
     const bool link = lastAttrib_ && lastAttrib_->pid == r.pid && r.objectKey &&
                       lastAttrib_->objectKey == *r.objectKey;
     lastAttrib_.reset();
-    if (r.entry) {
-      if (auto path = pathOf(*r.entry)) {
-        if (link) {
-          emitLink(r, *path);
-        } else if (r.objectKey) {
-          rememberPath(*r.objectKey, *path);
-        }
+    if (r.entry && pathOf(*r.entry, path_)) {
+      if (link) {
+        emitLink(r, path_);
+      } else if (r.objectKey) {
+        rememberPath(*r.objectKey, path_);
       }
     }
   }
   if (r.mask & FAN_ATTRIB) {
     if (r.objectKey) {
-      lastAttrib_ = Attrib{r.pid, *r.objectKey};
+      lastAttrib_ = Attrib{r.pid, std::string(*r.objectKey)};
     } else {
       lastAttrib_.reset();  // could start no link
     }
   }
-  std::optional<std::string> path;
+  bool named = false;
   const bool opened = (r.mask & FAN_OPEN) && !(r.mask & FAN_OPEN_EXEC);
   if ((opened || (r.mask & FAN_CLOSE_WRITE)) && r.entry) {
-    path = pathOf(*r.entry);
-    if (path && r.objectKey) rememberPath(*r.objectKey, *path);
+    named = pathOf(*r.entry, path_);
+    if (named && r.objectKey) rememberPath(*r.objectKey, path_);
   }
-  if (opened && path) emitOpen(r, *path);
+  if (opened && named) emitOpen(r, path_);
   if (r.mask & FAN_CLOSE_WRITE) {
     // Opened for writing is not modified: only a MODIFY since the open is.
-    const bool modified =
-        (r.mask & FAN_MODIFY) || (r.objectKey && modified_.erase(*r.objectKey) != 0);
-    if (path) emitClose(r, *path, modified);
+    bool modified = r.mask & FAN_MODIFY;
+    if (r.objectKey) {
+      if (auto it = modified_.find(*r.objectKey); it != modified_.end()) {
+        modified_.erase(it);
+        modified = true;
+      }
+    }
+    if (named) emitClose(r, path_, modified);
   } else if ((r.mask & FAN_MODIFY) && r.objectKey) {
     if (modified_.size() >= kMaxModified) {
       LOG_ERROR("Too many files open for writing are tracked; modified flags start over.");
       modified_.clear();
     }
-    modified_.insert(*r.objectKey);
+    modified_.emplace(*r.objectKey);
   }
   if ((r.mask & FAN_DELETE) && r.entry) {
-    if (r.objectKey) modified_.erase(*r.objectKey);
-    if (auto path = pathOf(*r.entry)) emitUnlink(r, *path);
+    if (r.objectKey) {
+      if (auto it = modified_.find(*r.objectKey); it != modified_.end()) modified_.erase(it);
+    }
+    if (pathOf(*r.entry, path_)) emitUnlink(r, path_);
   }
 }
 
-std::optional<std::string> FanotifyDecoder::pathOf(const Named& entry) {
-  std::optional<std::string> dir = resolver_.path(entry.dirKey);
-  if (!dir) {
+bool FanotifyDecoder::resolve(std::string_view key, std::string& out) {
+  out.clear();
+  return resolver_.path(key, out);
+}
+
+bool FanotifyDecoder::pathOf(const Named& entry, std::string& out) {
+  if (!resolve(entry.dirKey, out)) {
     ++counters_.unresolved;
     LOG_DEBUG("A directory handle did not resolve (%{public}s); event dropped.",
-              entry.name.c_str());
-    return std::nullopt;
+              std::string(entry.name).c_str());
+    return false;
   }
-  return entry.name.empty() ? *dir : joinPath(*dir, entry.name);
+  if (entry.name.empty()) return true;
+  if (out != "/") out += '/';
+  out += entry.name;
+  return true;
 }
 
-void FanotifyDecoder::rememberPath(const std::string& objectKey, const std::string& path) {
-  auto it = paths_.find(objectKey);
-  if (it != paths_.end()) {
-    it->second->second = path;
-    pathOrder_.splice(pathOrder_.begin(), pathOrder_, it->second);
-    return;
-  }
-  pathOrder_.emplace_front(objectKey, path);
-  paths_[objectKey] = pathOrder_.begin();
-  if (pathOrder_.size() > kRememberedPaths) {
-    paths_.erase(pathOrder_.back().first);
-    pathOrder_.pop_back();
-  }
+void FanotifyDecoder::rememberPath(std::string_view objectKey, std::string_view path) {
+  if (knownPaths_.empty()) knownPaths_.resize(kRememberedPaths);
+  KnownPath& slot = knownPaths_[HandleKeyHash{}(objectKey) % kRememberedPaths];
+  slot.key.assign(objectKey);
+  slot.path.assign(path);
 }
 
-std::optional<std::string> FanotifyDecoder::knownPath(const std::string& objectKey) {
-  auto it = paths_.find(objectKey);
-  if (it == paths_.end()) return std::nullopt;
-  return it->second->second;
+const std::string* FanotifyDecoder::knownPath(std::string_view objectKey) const {
+  if (knownPaths_.empty()) return nullptr;
+  const KnownPath& slot = knownPaths_[HandleKeyHash{}(objectKey) % kRememberedPaths];
+  return slot.key == objectKey ? &slot.path : nullptr;
 }
 
 Message* FanotifyDecoder::begin(es_event_type_t type, pid_t pid) {
   auto* m = new Message(type, ES_ACTION_TYPE_NOTIFY);
-  std::optional<ProcessInfo> info = sink_.processes().lookup(pid);
-  if (!info) {
-    info.emplace();
-    info->pid = pid;
+  if (!sink_.processes().lookup(pid, process_)) {
+    process_ = ProcessInfo{};
+    process_.pid = pid;
   }
-  m->es.process = m->addProcess(*info);
+  m->es.process = m->addProcess(process_);
   return m;
 }
 
@@ -265,13 +286,13 @@ es_file_t* FanotifyDecoder::file(Message& m, const std::string& path, bool withS
   return m.addFile(path, ok ? &st : nullptr);
 }
 
-bool FanotifyDecoder::statObject(const std::string& key, struct stat* st) {
+bool FanotifyDecoder::statObject(std::string_view key, struct stat* st) {
   // Gone since: no size, rather than another file's that took the name.
   return gone_.count(key) == 0 && resolver_.statObject(key, st);
 }
 
 es_file_t* FanotifyDecoder::object(Message& m, const std::string& path,
-                                   const std::optional<std::string>& key) {
+                                   const std::optional<std::string_view>& key) {
   if (!key) return file(m, path, true);
   struct stat st{};
   const bool ok = statObject(*key, &st);
@@ -296,58 +317,59 @@ void FanotifyDecoder::emitClose(const Record& r, const std::string& path, bool m
 
 void FanotifyDecoder::emitRename(const Record& r, bool existing) {
   if (!r.oldEntry || !r.newEntry) return;
-  std::optional<std::string> from = pathOf(*r.oldEntry);
-  std::optional<std::string> newDir = resolver_.path(r.newEntry->dirKey);
-  if (!from || !newDir) {
+  // path_: where it was; dir_: the directory it went to; other_: its new path.
+  if (!pathOf(*r.oldEntry, path_)) return;
+  if (!resolve(r.newEntry->dirKey, dir_)) {
     ++counters_.unresolved;
     return;
   }
-  const std::string to = joinPath(*newDir, r.newEntry->name);
-  if (r.objectKey) rememberPath(*r.objectKey, to);
+  other_ = dir_;
+  if (other_ != "/") other_ += '/';
+  other_ += r.newEntry->name;
+  if (r.objectKey) rememberPath(*r.objectKey, other_);
   if (!sink_.wants(ES_EVENT_TYPE_NOTIFY_RENAME)) return;
   Message* m = begin(ES_EVENT_TYPE_NOTIFY_RENAME, r.pid);
   es_event_rename_t& rename = m->es.event.rename;
-  // The moved file now lives at `to`: its size is read there.
+  // The moved file now lives at its new path: its size is read there.
   struct stat st{};
-  const bool ok = r.objectKey ? statObject(*r.objectKey, &st) : resolver_.stat(to, &st);
-  rename.source = m->addFile(*from, ok ? &st : nullptr);
+  const bool ok = r.objectKey ? statObject(*r.objectKey, &st) : resolver_.stat(other_, &st);
+  rename.source = m->addFile(path_, ok ? &st : nullptr);
   if (existing) {
     rename.destination_type = ES_DESTINATION_TYPE_EXISTING_FILE;
-    rename.destination.existing_file = m->addFile(to, ok ? &st : nullptr);
+    rename.destination.existing_file = m->addFile(other_, ok ? &st : nullptr);
   } else {
     rename.destination_type = ES_DESTINATION_TYPE_NEW_PATH;
-    rename.destination.new_path.dir = file(*m, *newDir, true);
+    rename.destination.new_path.dir = file(*m, dir_, true);
     rename.destination.new_path.filename = m->addString(r.newEntry->name);
   }
   sink_.deliver(m);
 }
 
 void FanotifyDecoder::emitExchange(const Record& first) {
-  std::optional<std::string> a = pathOf(*first.oldEntry);
-  std::optional<std::string> b = pathOf(*first.newEntry);
-  if (!a || !b || !sink_.wants(ES_EVENT_TYPE_NOTIFY_EXCHANGEDATA)) return;
+  if (!pathOf(*first.oldEntry, path_) || !pathOf(*first.newEntry, other_) ||
+      !sink_.wants(ES_EVENT_TYPE_NOTIFY_EXCHANGEDATA)) {
+    return;
+  }
   Message* m = begin(ES_EVENT_TYPE_NOTIFY_EXCHANGEDATA, first.pid);
-  m->es.event.exchangedata.file1 = file(*m, *a, true);
-  m->es.event.exchangedata.file2 = file(*m, *b, true);
+  m->es.event.exchangedata.file1 = file(*m, path_, true);
+  m->es.event.exchangedata.file2 = file(*m, other_, true);
   sink_.deliver(m);
 }
 
 void FanotifyDecoder::emitLink(const Record& r, const std::string& targetPath) {
-  std::optional<std::string> source = knownPath(*r.objectKey);
-  if (!source || *source == targetPath) {
-    source = resolver_.path(*r.objectKey);
-  }
-  if (!source || *source == targetPath) {
+  const std::string* known = knownPath(*r.objectKey);
+  if (known != nullptr && *known != targetPath) {
+    other_ = *known;
+  } else if (!resolve(*r.objectKey, other_) || other_ == targetPath) {
     LOG_DEBUG("Link source of %{public}s is not known; the new name stands for it.",
               targetPath.c_str());
-    source = targetPath;
+    other_ = targetPath;
   }
   if (!sink_.wants(ES_EVENT_TYPE_NOTIFY_LINK)) return;
-  std::optional<std::string> dir = resolver_.path(r.entry->dirKey);
-  if (!dir) return;
+  if (!resolve(r.entry->dirKey, dir_)) return;
   Message* m = begin(ES_EVENT_TYPE_NOTIFY_LINK, r.pid);
-  m->es.event.link.source = object(*m, *source, r.objectKey);
-  m->es.event.link.target_dir = file(*m, *dir, true);
+  m->es.event.link.source = object(*m, other_, r.objectKey);
+  m->es.event.link.target_dir = file(*m, dir_, true);
   m->es.event.link.target_filename = m->addString(r.entry->name);
   sink_.deliver(m);
 }
@@ -356,8 +378,9 @@ void FanotifyDecoder::emitUnlink(const Record& r, const std::string& path) {
   if (!sink_.wants(ES_EVENT_TYPE_NOTIFY_UNLINK)) return;
   Message* m = begin(ES_EVENT_TYPE_NOTIFY_UNLINK, r.pid);
   m->es.event.unlink.target = m->addFile(path, nullptr);
-  std::optional<std::string> dir = resolver_.path(r.entry->dirKey);
-  m->es.event.unlink.parent_dir = file(*m, dir ? *dir : std::string(), dir.has_value());
+  const bool resolved = resolve(r.entry->dirKey, dir_);
+  if (!resolved) dir_.clear();
+  m->es.event.unlink.parent_dir = file(*m, dir_, resolved);
   sink_.deliver(m);
 }
 

@@ -6,15 +6,14 @@
 #include <sys/types.h>
 
 #include <cstdint>
-#include <list>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
 #include "es/hub/eventsource.h"
+#include "es/procfs/procinfo.h"
 
 struct file_handle;
 
@@ -28,12 +27,20 @@ class Message;
 class IHandleResolver {
  public:
   virtual ~IHandleResolver() = default;
-  // Key is the fsid bytes followed by the handle bytes.
-  virtual std::optional<std::string> path(const std::string& key) = 0;
+  // Appends the path to `out`; false, with `out` as it was, when the key
+  // does not resolve. Key is the fsid bytes followed by the handle bytes.
+  virtual bool path(std::string_view key, std::string& out) = 0;
   virtual bool stat(const std::string& path, struct stat* st) = 0;
   // The object itself, by its key: what the event was about even if its
   // name has moved on, and no lookup in a directory its writer holds.
-  virtual bool statObject(const std::string& key, struct stat* st) = 0;
+  virtual bool statObject(std::string_view key, struct stat* st) = 0;
+};
+
+// Hashes a handle key, so that tables of keys are searched with a view into
+// the read and no string is made to ask.
+struct HandleKeyHash {
+  using is_transparent = void;
+  size_t operator()(std::string_view key) const { return std::hash<std::string_view>{}(key); }
 };
 
 // Written by the reader, read by anyone.
@@ -59,6 +66,8 @@ struct FileDecoderCounters {
 //   FAN_DELETE                    -> NOTIFY_UNLINK
 // A rename is held until the next record shows what it was; flush() lets
 // it go when nothing follows. Records of the facility's own pid are skipped.
+// Records are read in place: keys and names point into the read, and only
+// what outlives it is copied.
 class FanotifyDecoder {
  public:
   FanotifyDecoder(IEventSink& sink, IHandleResolver& resolver, pid_t self);
@@ -70,9 +79,10 @@ class FanotifyDecoder {
   const FileDecoderCounters& counters() const { return counters_; }
 
  private:
+  // Views into the read being decoded, or into the held rename's copy.
   struct Named {
-    std::string dirKey;
-    std::string name;
+    std::string_view dirKey;
+    std::string_view name;
   };
   struct Record {
     uint64_t mask = 0;
@@ -80,15 +90,26 @@ class FanotifyDecoder {
     std::optional<Named> entry;    // DFID_NAME
     std::optional<Named> oldEntry; // OLD_DFID_NAME
     std::optional<Named> newEntry; // NEW_DFID_NAME
-    std::optional<std::string> objectKey;  // FID
+    std::optional<std::string_view> objectKey;  // FID
+    std::string_view raw;          // the whole record
   };
-
+  struct Attrib {
+    pid_t pid;
+    std::string objectKey;
+  };
+  struct KnownPath {
+    std::string key;
+    std::string path;
+  };
   bool parse(const fanotify_event_metadata& metadata, const char* raw, Record& out);
-  // Takes what it keeps for later from the record.
+  // Copies a rename that must outlive its read.
+  void hold(const Record& record);
   void dispatch(Record& record);
-  std::optional<std::string> pathOf(const Named& entry);
-  void rememberPath(const std::string& objectKey, const std::string& path);
-  std::optional<std::string> knownPath(const std::string& objectKey);
+  // Fill `out` with a path; false when the handle does not resolve.
+  bool pathOf(const Named& entry, std::string& out);
+  bool resolve(std::string_view key, std::string& out);
+  void rememberPath(std::string_view objectKey, std::string_view path);
+  const std::string* knownPath(std::string_view objectKey) const;
 
   void emitOpen(const Record& r, const std::string& path);
   void emitClose(const Record& r, const std::string& path, bool modified);
@@ -99,9 +120,10 @@ class FanotifyDecoder {
   Message* begin(es_event_type_t type, pid_t pid);
   es_file_t* file(Message& m, const std::string& path, bool withStat);
   // A file by its handle, unless it was deleted in the read being decoded.
-  bool statObject(const std::string& key, struct stat* st);
+  bool statObject(std::string_view key, struct stat* st);
   // A file the record names by its object: stat by handle.
-  es_file_t* object(Message& m, const std::string& path, const std::optional<std::string>& key);
+  es_file_t* object(Message& m, const std::string& path,
+                    const std::optional<std::string_view>& key);
 
   IEventSink& sink_;
   IHandleResolver& resolver_;
@@ -110,17 +132,19 @@ class FanotifyDecoder {
   std::vector<Record> records_;         // the read being decoded
   std::unordered_set<std::string_view> gone_;  // its objects deleted, into records_
   std::optional<Record> pending_;       // a rename waiting for what follows
-  struct Attrib {
-    pid_t pid;
-    std::string objectKey;
-  };
+  std::vector<char> pendingBytes_;      // its record, which pending_ points into
   std::optional<Attrib> lastAttrib_;    // the ATTRIB a link would start with
-  std::unordered_set<std::string> modified_;
+  std::unordered_set<std::string, HandleKeyHash, std::equal_to<>> modified_;
   // Recently seen paths by object, for a link's source: a handle of an
-  // inode with two names may resolve to either.
-  std::list<std::pair<std::string, std::string>> pathOrder_;
-  std::unordered_map<std::string, std::list<std::pair<std::string, std::string>>::iterator>
-      paths_;
+  // inode with two names may resolve to either. One slot per hash, so a
+  // newer object pushes out an older one; slots keep their strings' room,
+  // and remembering allocates nothing once they are warm.
+  std::vector<KnownPath> knownPaths_;
+  // Reused for every event: the path it names, a directory, a second path.
+  std::string path_;
+  std::string dir_;
+  std::string other_;
+  ProcessInfo process_;
 };
 
 }  // namespace endpointsecurity::linux_es

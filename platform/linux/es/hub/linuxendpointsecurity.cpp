@@ -3,7 +3,10 @@
 #include <time.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
+#include <cstddef>
+#include <memory_resource>
 
 #include "log/log.h"
 
@@ -30,7 +33,7 @@ const char* pathOf(const es_process_t* process) {
 bool pathMuted(ClientState& client, const char* path) {
   if (path == nullptr) return false;
   const std::string_view p(path);
-  if (client.mutedLiterals.count(std::string(p)) != 0) return true;
+  if (client.mutedLiterals.find(p) != client.mutedLiterals.end()) return true;
   return std::any_of(client.mutedPrefixes.begin(), client.mutedPrefixes.end(),
                      [&](const std::string& prefix) { return p.starts_with(prefix); });
 }
@@ -220,7 +223,10 @@ void LinuxEndpointSecurity::deliver(Message* message) {
   if (auth) es.deadline = es.mach_time + clock_.nanosToTicks(message->budgetNanos);
 
   std::shared_lock<std::shared_mutex> lock(clientsMutex_);
-  std::vector<ClientState*> targets;
+  // On the stack: there are few clients, and every event is delivered here.
+  alignas(ClientState*) std::array<std::byte, 8 * sizeof(ClientState*)> room;
+  std::pmr::monotonic_buffer_resource arena(room.data(), room.size());
+  std::pmr::vector<ClientState*> targets(&arena);
   for (auto& client : clients_) {
     std::lock_guard<std::mutex> stateLock(client->mutex);
     if (client->deleted || !client->subscribed.test(es.event_type)) continue;
@@ -240,7 +246,7 @@ void LinuxEndpointSecurity::deliver(Message* message) {
   if (auth) {
     message->answeredBy = std::make_unique<std::atomic<bool>[]>(targets.size());
     message->pendingAnswers.store(static_cast<int>(targets.size()));
-    message->targets = targets;
+    message->targets.assign(targets.begin(), targets.end());
     scheduleFailsafe(*message);
   } else if (es.event_type == ES_EVENT_TYPE_NOTIFY_RENAME) {
     moves_.held(es.seq_num);

@@ -24,7 +24,7 @@ struct ClientState {
   MessageHandler handler;
   std::mutex mutex;  // guards everything below
   EventSet subscribed;
-  std::set<std::string> mutedLiterals;
+  std::set<std::string, std::less<>> mutedLiterals;
   std::vector<std::string> mutedPrefixes;
   // Keyed by (pid, pid version): a recycled pid is another process.
   std::map<std::pair<pid_t, unsigned>, audit_token_t> mutedProcesses;

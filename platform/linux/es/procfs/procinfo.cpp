@@ -162,19 +162,25 @@ bool ProcReader::read(pid_t pid, ProcessInfo& out) const {
   return true;
 }
 
-std::optional<ProcessInfo> ProcessCache::cached(pid_t pid, uint64_t startTicks, bool exitedToo) {
+bool ProcessCache::cached(pid_t pid, uint64_t startTicks, bool exitedToo, ProcessInfo& out) {
   std::lock_guard<std::mutex> lock(mutex_);
-  auto matches = [&](const ProcessInfo& info) {
-    return startTicks == 0 || info.startTicks == startTicks;
+  auto take = [&](const std::unordered_map<pid_t, ProcessInfo>& from) {
+    auto it = from.find(pid);
+    if (it == from.end() || (startTicks != 0 && it->second.startTicks != startTicks)) return false;
+    out = it->second;
+    return true;
   };
-  if (auto it = entries_.find(pid); it != entries_.end() && matches(it->second)) return it->second;
-  if (!exitedToo) return std::nullopt;
-  if (auto it = exited_.find(pid); it != exited_.end() && matches(it->second)) return it->second;
-  return std::nullopt;
+  return take(entries_) || (exitedToo && take(exited_));
 }
 
 std::optional<ProcessInfo> ProcessCache::lookup(pid_t pid, uint64_t startTicks) {
-  if (auto info = cached(pid, startTicks, false)) return info;
+  std::optional<ProcessInfo> info(std::in_place);
+  if (!lookup(pid, *info, startTicks)) info.reset();
+  return info;
+}
+
+bool ProcessCache::lookup(pid_t pid, ProcessInfo& out, uint64_t startTicks) {
+  if (cached(pid, startTicks, false, out)) return true;
   std::function<void()> catchUp;
   {
     std::lock_guard<std::mutex> lock(catchUpMutex_);
@@ -184,13 +190,15 @@ std::optional<ProcessInfo> ProcessCache::lookup(pid_t pid, uint64_t startTicks) 
     catchUp();
     // The tier has seen everything up to now, its exits included, so a
     // recent exit is the process itself and not a pid since recycled.
-    if (auto info = cached(pid, startTicks, true)) return info;
+    if (cached(pid, startTicks, true, out)) return true;
   }
-  ProcessInfo info;
-  if (!reader_.read(pid, info)) return cached(pid, startTicks, true);
-  if (startTicks != 0 && info.startTicks != startTicks) return cached(pid, startTicks, true);
-  put(info);
-  return info;
+  ProcessInfo read;  // fresh: the reader leaves what it can't read as it was
+  if (!reader_.read(pid, read) || (startTicks != 0 && read.startTicks != startTicks)) {
+    return cached(pid, startTicks, true, out);
+  }
+  put(read);
+  out = std::move(read);
+  return true;
 }
 
 void ProcessCache::put(const ProcessInfo& info) {

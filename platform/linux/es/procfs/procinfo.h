@@ -68,6 +68,10 @@ class ProcessCache {
 
   // The process as cached, or read now. startTicks 0 accepts any entry.
   std::optional<ProcessInfo> lookup(pid_t pid, uint64_t startTicks = 0);
+  // The same into `out`, whose strings keep their room: a hot path that
+  // reuses one ProcessInfo allocates nothing on a hit. False, with `out`
+  // unspecified, when the process is not known.
+  bool lookup(pid_t pid, ProcessInfo& out, uint64_t startTicks = 0);
   void put(const ProcessInfo& info);
   // The process exited: it is remembered among the recent exits.
   void forget(pid_t pid);
@@ -79,7 +83,7 @@ class ProcessCache {
   void setCatchUp(std::function<void()> catchUp);
 
  private:
-  std::optional<ProcessInfo> cached(pid_t pid, uint64_t startTicks, bool exitedToo);
+  bool cached(pid_t pid, uint64_t startTicks, bool exitedToo, ProcessInfo& out);
 
   const ProcReader& reader_;
   const size_t capacity_;

@@ -47,7 +47,7 @@ constexpr int kMovedBacklog = 64 * 1024;
 
 // Opens the object a key's handle names; the key is the fsid bytes and
 // then the file_handle.
-int openByKey(int mountFd, const std::string& key, int flags) {
+int openByKey(int mountFd, std::string_view key, int flags) {
   constexpr size_t kFsid = sizeof(__kernel_fsid_t);
   union {
     file_handle handle;
@@ -291,9 +291,9 @@ void FanotifyFileSource::stop() {
 // since no longer has the inode its cached path leads to, and is resolved
 // again. Like a handle resolved afresh, a path is as of the read, not of the
 // event. Nothing is held open, so volumes unmount freely.
-std::optional<std::string> FanotifyFileSource::path(const std::string& key) {
+bool FanotifyFileSource::path(std::string_view key, std::string& out) {
   constexpr size_t kFsid = sizeof(__kernel_fsid_t);
-  if (key.size() < kFsid + sizeof(file_handle)) return std::nullopt;
+  if (key.size() < kFsid + sizeof(file_handle)) return false;
   auto cached = resolved_.find(key);
   if (cached != resolved_.end()) {
     Resolved& known = cached->second;
@@ -309,30 +309,32 @@ std::optional<std::string> FanotifyFileSource::path(const std::string& key) {
         known.checkedIn = read_;
       }
       if (S_ISDIR(known.st.st_mode)) lastDir_ = &known;
-      return known.path;
+      out += known.path;
+      return true;
     }
   }
   const int mountFd = this->mountFd(key);
-  if (mountFd < 0) return std::nullopt;
+  if (mountFd < 0) return false;
   const int fd = openByKey(mountFd, key, O_PATH | O_CLOEXEC);
-  if (fd < 0) return std::nullopt;  // ESTALE: gone since
+  if (fd < 0) return false;  // ESTALE: gone since
   std::string path = pathOfFd(fd);
   struct stat st{};
   const bool statted = fstat(fd, &st) == 0;
   close(fd);
-  if (path.empty()) return std::nullopt;
+  if (path.empty()) return false;
   if (!stripDeletedTail(path) && statted) {
     if (resolved_.size() >= kResolvedPaths) {
       resolved_.clear();
       lastDir_ = nullptr;
     }
-    Resolved& known = resolved_[key] = Resolved{path, st, read_};
+    Resolved& known = resolved_[std::string(key)] = Resolved{path, st, read_};
     if (S_ISDIR(st.st_mode)) lastDir_ = &known;
   }
-  return path;
+  out += path;
+  return true;
 }
 
-bool FanotifyFileSource::statObject(const std::string& key, struct stat* st) {
+bool FanotifyFileSource::statObject(std::string_view key, struct stat* st) {
   const int mountFd = this->mountFd(key);
   if (mountFd < 0) return false;
   const int fd = openByKey(mountFd, key, O_PATH | O_CLOEXEC);
@@ -342,10 +344,10 @@ bool FanotifyFileSource::statObject(const std::string& key, struct stat* st) {
   return ok;
 }
 
-int FanotifyFileSource::mountFd(const std::string& key) {
+int FanotifyFileSource::mountFd(std::string_view key) {
   constexpr size_t kFsid = sizeof(__kernel_fsid_t);
   if (key.size() < kFsid) return -1;
-  const std::string fsid = key.substr(0, kFsid);
+  const std::string_view fsid = key.substr(0, kFsid);
   auto open = mountFds_.find(fsid);
   if (open != mountFds_.end()) return open->second;
   std::string mountPath;
@@ -358,7 +360,7 @@ int FanotifyFileSource::mountFd(const std::string& key) {
   // open_by_handle_at takes no O_PATH descriptor for the mount. Not kept
   // past the read, so volumes unmount freely.
   const int fd = ::open(mountPath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd >= 0) mountFds_.emplace(fsid, fd);
+  if (fd >= 0) mountFds_.emplace(std::string(fsid), fd);
   return fd;
 }
 

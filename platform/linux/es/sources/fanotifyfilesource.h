@@ -77,13 +77,13 @@ class FanotifyFileSource final : public IEventSource,
   void boundMoves();
 
   // IHandleResolver
-  std::optional<std::string> path(const std::string& key) override;
+  bool path(std::string_view key, std::string& out) override;
   bool stat(const std::string& path, struct stat* st) override;
-  bool statObject(const std::string& key, struct stat* st) override;
+  bool statObject(std::string_view key, struct stat* st) override;
   // The marked mount of a key's file system, opened for open_by_handle_at
   // until releaseMounts(): one open per read, not one per handle. -1 when
   // the file system is not marked. Under readMutex_.
-  int mountFd(const std::string& key);
+  int mountFd(std::string_view key);
   void releaseMounts();
 
   IEventSink& sink_;
@@ -94,7 +94,7 @@ class FanotifyFileSource final : public IEventSource,
   // The volumes opens are wanted under; unset: everywhere. Under mutex_.
   std::optional<std::vector<std::string>> openVolumes_;
   std::mutex marksMutex_;               // marked_, read by the reader thread
-  std::map<std::string, Marked> marked_;  // by fsid bytes
+  std::map<std::string, Marked, std::less<>> marked_;  // by fsid bytes
   std::set<dev_t> devices_;
   // The reader thread and catchUp() take turns: the decoder and what it
   // remembers, and fd_ once the group is open.
@@ -104,8 +104,8 @@ class FanotifyFileSource final : public IEventSource,
   int movedFd_ = -1;
   bool movedUnasked_ = false;
   std::vector<char> buffer_;
-  std::unordered_map<std::string, Resolved> resolved_;
-  std::map<std::string, int> mountFds_;  // by fsid bytes, during a read
+  std::unordered_map<std::string, Resolved, HandleKeyHash, std::equal_to<>> resolved_;
+  std::map<std::string, int, std::less<>> mountFds_;  // by fsid bytes, during a read
   uint64_t read_ = 0;  // reads so far
   // The directory last resolved: its events' files and their parent's stat
   // come one after another.
