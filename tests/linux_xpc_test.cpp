@@ -191,6 +191,11 @@ TEST(LinuxXpcFrames, TheCodecWritesAndReadsAsTheGeneratedClassesAndNothingThePee
     EXPECT_EQ(CanonicalReader::read(bytes), std::vector<Frame>{frame});
     EXPECT_EQ(decodeMessageParsed(bytes, &error), std::vector<Frame>{frame}) << error;
   }
+  // A record sent where it lies is the same call as one copied into a frame.
+  for (const Dictionary* record : {&numbers, &others}) {
+    EXPECT_EQ(encodeRecordCall("handleFileEvent:", *record, &error),
+              encoded(CallFrame{"handleFileEvent:", {Value(*record)}, std::nullopt}));
+  }
   // Out of the writer's order (the id before the selector) the generated
   // classes read it, to the same frame.
   const std::string reordered = std::string("\x0a\x05\x18\x07\x0a\x01x", 7);
@@ -203,6 +208,8 @@ TEST(LinuxXpcFrames, TheCodecWritesAndReadsAsTheGeneratedClassesAndNothingThePee
   EXPECT_FALSE(
       encodeFrame(CallFrame{"x", {Value(std::string(100, 'a'))}, std::nullopt}, &error, 64));
   EXPECT_EQ(error, "frame of 109 bytes exceeds the 64-byte limit");
+  EXPECT_FALSE(encodeRecordCall("x", Dictionary{{{"deep", nested(kMaxValueDepth)}}}, &error));
+  EXPECT_EQ(error, "values nested deeper than 32 levels");
 }
 
 TEST(LinuxXpcFrames, DecoderAndCallCheckNameWhatIsWrong) {

@@ -237,8 +237,14 @@ void Client::handleMessage(const es_message_t* message) {
     dispatchAuth(message);
   } else if (message->action_type == ES_ACTION_TYPE_NOTIFY) {
     if (!SysExtXPCClient::sharedInstance().isXPCServiceListening()) return;
-    auto held = std::make_shared<HeldMessage>(*this, message);
-    notifyQueue->async([held] { held->client.onNotify(held->message.get()); });
+    // The block owns it: a raw pointer fits in the task without an
+    // allocation of its own, and every queued block runs (the destructor
+    // waits for them).
+    auto* held = new HeldMessage(*this, message);
+    notifyQueue->async([held] {
+      std::unique_ptr<HeldMessage> owned(held);
+      owned->client.onNotify(owned->message.get());
+    });
   }
 }
 

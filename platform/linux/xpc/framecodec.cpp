@@ -95,9 +95,13 @@ std::string tooLarge(size_t size, size_t limit) {
 
 }  // namespace
 
-std::optional<std::string> encodeFrame(const Frame& frame, std::string* error, size_t maxBytes) {
-  FrameWriter writer;
-  const std::optional<size_t> size = writer.measure(frame);
+namespace {
+
+// Measures, checks the size, then writes: the writer's two passes.
+template <typename Measure, typename Write>
+std::optional<std::string> encodeWith(Measure measure, Write write, std::string* error,
+                                      size_t maxBytes) {
+  const std::optional<size_t> size = measure();
   if (!size) {
     *error = tooDeep();
     return std::nullopt;
@@ -107,8 +111,24 @@ std::optional<std::string> encodeFrame(const Frame& frame, std::string* error, s
     return std::nullopt;
   }
   std::string bytes(*size, '\0');
-  writer.write(frame, bytes.data());
+  write(bytes.data());
   return bytes;
+}
+
+}  // namespace
+
+std::optional<std::string> encodeFrame(const Frame& frame, std::string* error, size_t maxBytes) {
+  FrameWriter writer;
+  return encodeWith([&] { return writer.measure(frame); },
+                    [&](char* out) { writer.write(frame, out); }, error, maxBytes);
+}
+
+std::optional<std::string> encodeRecordCall(std::string_view selector, const Dictionary& record,
+                                            std::string* error, size_t maxBytes) {
+  FrameWriter writer;
+  return encodeWith([&] { return writer.measureRecordCall(selector, record); },
+                    [&](char* out) { writer.writeRecordCall(selector, record, out); }, error,
+                    maxBytes);
 }
 
 namespace {

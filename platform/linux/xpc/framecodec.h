@@ -20,6 +20,11 @@ constexpr int kMaxValueDepth = 32;
 std::optional<std::string> encodeFrame(const Frame& frame, std::string* error,
                                        size_t maxBytes = kMaxFrameBytes);
 
+// The same for a one-way call with one dictionary argument, straight from
+// the dictionary: byte for byte encodeFrame(CallFrame{selector, {record}}).
+std::optional<std::string> encodeRecordCall(std::string_view selector, const Dictionary& record,
+                                            std::string* error, size_t maxBytes = kMaxFrameBytes);
+
 // One socket message for several frames written together, in order, from
 // their encodings (encodeFrame's): a pack. It adds at most 11 bytes per
 // frame and 11 for the pack.

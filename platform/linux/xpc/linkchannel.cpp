@@ -75,12 +75,12 @@ LinkChannel::~LinkChannel() {
   if (wakeFd_ >= 0) ::close(wakeFd_);
 }
 
-void LinkChannel::countQueued(const std::string& selector) const {
+void LinkChannel::countQueued(std::string_view selector) const {
   const int kind = counted_ ? eventKindOf(selector) : -1;
   if (kind >= 0) linkCounters().eventsQueued[kind].fetch_add(1, std::memory_order_relaxed);
 }
 
-void LinkChannel::countDropped(const std::string& selector, bool queueFull) const {
+void LinkChannel::countDropped(std::string_view selector, bool queueFull) const {
   if (!counted_) return;
   if (queueFull) linkCounters().sendQueueDrops.fetch_add(1, std::memory_order_relaxed);
   const int kind = eventKindOf(selector);
@@ -128,6 +128,20 @@ void LinkChannel::send(CallFrame call, ReplyBlock reply, ErrorHandler onError) {
   if (call.replyId) call.replyId = nextReplyId_.fetch_add(1);
   std::string error;
   std::optional<std::string> bytes = encodeFrame(call, &error);
+  enqueue(std::move(bytes), error, call.selector, call.replyId, std::move(reply),
+          std::move(onError));
+}
+
+void LinkChannel::sendRecord(std::string_view selector, const Dictionary& record,
+                             ErrorHandler onError) {
+  std::string error;
+  std::optional<std::string> bytes = encodeRecordCall(selector, record, &error);
+  enqueue(std::move(bytes), error, selector, std::nullopt, nullptr, std::move(onError));
+}
+
+void LinkChannel::enqueue(std::optional<std::string> bytes, const std::string& error,
+                          std::string_view selector, std::optional<uint64_t> replyId,
+                          ReplyBlock reply, ErrorHandler onError) {
   bool firstDrop = false;
   const bool deferred = rtn::linux_platform::WakeBatch::defer(weak_from_this().lock());
   {
@@ -136,19 +150,19 @@ void LinkChannel::send(CallFrame call, ReplyBlock reply, ErrorHandler onError) {
     if (bytes && !dead_) {
       if (outbox_.size() >= kMaxQueuedFrames) {
         firstDrop = droppedWhileFull_++ == 0;
-        countDropped(call.selector, true);
+        countDropped(selector, true);
       } else {
-        if (call.replyId) awaited_[*call.replyId] = {std::move(reply), onError};
-        outbox_.push_back({std::move(*bytes), call.selector, call.replyId, std::move(onError)});
-        countQueued(call.selector);
+        if (replyId) awaited_[*replyId] = {std::move(reply), onError};
+        outbox_.push_back({std::move(*bytes), std::string(selector), replyId, std::move(onError)});
+        countQueued(selector);
         if (!deferred) wakeLocked();
         return;
       }
     } else {
-      if (bytes) countDropped(call.selector, false);
+      if (bytes) countDropped(selector, false);
       if (onError) {
         const std::string text =
-            bytes ? deadReason_ : "cannot send " + call.selector + ": " + error;
+            bytes ? deadReason_ : "cannot send " + std::string(selector) + ": " + error;
         tasks_.push_back([onError = std::move(onError), text] { onError(text); });
         wakeLocked();
       }
@@ -156,7 +170,7 @@ void LinkChannel::send(CallFrame call, ReplyBlock reply, ErrorHandler onError) {
   }
   if (!bytes) {
     LOG_ERROR("Cannot send %{public}s on the link to %{public}s: %{public}s\n",
-              call.selector.c_str(), settings_.serviceName.c_str(), error.c_str());
+              std::string(selector).c_str(), settings_.serviceName.c_str(), error.c_str());
   } else if (firstDrop) {
     LOG_ERROR("Send queue of the link to %{public}s is full (%zu frames); dropping calls until "
               "it drains\n",

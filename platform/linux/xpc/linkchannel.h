@@ -10,6 +10,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 
 #include "dispatch/wakebatch.h"
@@ -73,6 +74,9 @@ class LinkChannel : public rtn::linux_platform::Wakeable,
   // `reply` runs with the peer's answer. Under a WakeBatch the link's thread
   // is woken when the batch ends: a run of records goes in one write.
   void send(CallFrame call, ReplyBlock reply, ErrorHandler onError);
+  // A one-way call with a record as its argument, encoded from the record
+  // where it lies.
+  void sendRecord(std::string_view selector, const Dictionary& record, ErrorHandler onError);
   void wakeForQueued() override;
 
  private:
@@ -89,6 +93,10 @@ class LinkChannel : public rtn::linux_platform::Wakeable,
   };
   using Task = std::function<void()>;
 
+  // Queues an encoded call, or tells why it can't go.
+  void enqueue(std::optional<std::string> bytes, const std::string& error,
+               std::string_view selector, std::optional<uint64_t> replyId, ReplyBlock reply,
+               ErrorHandler onError);
   void startThreadLocked();
   void wakeLocked();
   void run();
@@ -105,8 +113,8 @@ class LinkChannel : public rtn::linux_platform::Wakeable,
   void runUnlessClosed(const std::function<void()>& handler);
   void serveLateCalls();
   // The extension's ends count what they send (linkcounters.h).
-  void countQueued(const std::string& selector) const;
-  void countDropped(const std::string& selector, bool queueFull) const;
+  void countQueued(std::string_view selector) const;
+  void countDropped(std::string_view selector, bool queueFull) const;
 
   const Settings settings_;
   const bool counted_;

@@ -17,13 +17,6 @@ CallFrame withReply(const char* selector, std::vector<Value> args) {
   return CallFrame{selector, std::move(args), uint64_t{0}};
 }
 
-// A record as the only argument, copied once: a braced list would copy it
-// into the list and again out of it.
-std::vector<Value> record(const Dictionary& event) {
-  std::vector<Value> args;
-  args.emplace_back(event);
-  return args;
-}
 
 template <typename T>
 Value orNil(const T* object) {
@@ -36,20 +29,31 @@ void RemoteDaemonProxy::registerWithCompletionHandler(ReplyBlock reply) {
   send_(withReply(selectors::kRegister, {}), std::move(reply));
 }
 
+void RemoteDaemonProxy::record(const char* selector, const Dictionary& event) {
+  if (sendRecord_) {
+    sendRecord_(selector, event);
+    return;
+  }
+  // Copied once: a braced list would copy it into the list and again out.
+  std::vector<Value> args;
+  args.emplace_back(event);
+  send_(oneWay(selector, std::move(args)), nullptr);
+}
+
 void RemoteDaemonProxy::handleFileEvent(const Dictionary& event) {
-  send_(oneWay(selectors::kHandleFileEvent, record(event)), nullptr);
+  record(selectors::kHandleFileEvent, event);
 }
 
 void RemoteDaemonProxy::handlePrinterEvent(const Dictionary& event) {
-  send_(oneWay(selectors::kHandlePrinterEvent, record(event)), nullptr);
+  record(selectors::kHandlePrinterEvent, event);
 }
 
 void RemoteDaemonProxy::handleProcessStartEvent(const Dictionary& event) {
-  send_(oneWay(selectors::kHandleProcessStartEvent, record(event)), nullptr);
+  record(selectors::kHandleProcessStartEvent, event);
 }
 
 void RemoteDaemonProxy::handleProcessExitEvent(const Dictionary& event) {
-  send_(oneWay(selectors::kHandleProcessExitEvent, record(event)), nullptr);
+  record(selectors::kHandleProcessExitEvent, event);
 }
 
 void RemoteSysextProxy::addMountPoint(const std::string* volume, uint64_t mountType) {

@@ -9,11 +9,15 @@ namespace tarvex::itx::xpc::linux_platform {
 
 // Hands a call to the link; `reply` is empty for methods without a block.
 using CallSender = std::function<void(CallFrame call, ReplyBlock reply)>;
+// Hands the link a one-way call with one record, to encode where it lies.
+using RecordSender = std::function<void(const char* selector, const Dictionary& record)>;
 
 // The daemon's object as the extension calls it: every method becomes a call.
 class RemoteDaemonProxy final : public ProtectionDaemonXPCInterface {
  public:
-  explicit RemoteDaemonProxy(CallSender send) : send_(std::move(send)) {}
+  // Records go through sendRecord when given, else as calls.
+  explicit RemoteDaemonProxy(CallSender send, RecordSender sendRecord = nullptr)
+      : send_(std::move(send)), sendRecord_(std::move(sendRecord)) {}
 
   void registerWithCompletionHandler(ReplyBlock reply) override;
   void handleFileEvent(const Dictionary& event) override;
@@ -22,7 +26,10 @@ class RemoteDaemonProxy final : public ProtectionDaemonXPCInterface {
   void handleProcessExitEvent(const Dictionary& event) override;
 
  private:
+  void record(const char* selector, const Dictionary& event);
+
   CallSender send_;
+  RecordSender sendRecord_;
 };
 
 // The extension's object as the daemon calls it. Null pointers travel as nil.

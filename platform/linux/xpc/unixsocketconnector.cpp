@@ -38,8 +38,11 @@ void UnixSocketConnection::setInvalidationHandler(std::function<void()> handler)
 std::shared_ptr<ProtectionDaemonXPCInterface>
 UnixSocketConnection::remoteObjectProxyWithErrorHandler(ErrorHandler handler) {
   return std::make_shared<RemoteDaemonProxy>(
-      [channel = channel_, handler = std::move(handler)](CallFrame call, ReplyBlock reply) {
+      [channel = channel_, handler](CallFrame call, ReplyBlock reply) {
         channel->send(std::move(call), std::move(reply), handler);
+      },
+      [channel = channel_, handler](const char* selector, const Dictionary& record) {
+        channel->sendRecord(selector, record, handler);
       });
 }
 

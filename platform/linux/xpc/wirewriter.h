@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -63,11 +64,28 @@ class FrameWriter {
     }
   }
 
+  // A one-way call whose only argument is a dictionary: the bytes measure()
+  // and write() give for CallFrame{selector, {Value(record)}}, without
+  // copying the record into a frame first.
+  std::optional<size_t> measureRecordCall(std::string_view selector, const Dictionary& record) {
+    body_ = selector.empty() ? 0 : fieldSize(selector.size());
+    size_t argSize = 0;
+    if (!measure(record, 1, &argSize)) return std::nullopt;
+    body_ += fieldSize(argSize);
+    return fieldSize(body_);
+  }
+  void writeRecordCall(std::string_view selector, const Dictionary& record, char* out) {
+    out = putVarint(out, linktag::kCall, body_);
+    if (!selector.empty()) out = putBytes(out, linktag::kSelector, selector);
+    out = putVarint(out, linktag::kArg, fieldSize(bodyAt(next_)));
+    putDictionaryBody(out, record);
+  }
+
  private:
   static size_t varintSize(uint64_t value) { return (64 - __builtin_clzll(value | 1) + 6) / 7; }
   // A length-delimited field's: tag, length, then the bytes.
   static size_t fieldSize(size_t length) { return 1 + varintSize(length) + length; }
-  static size_t entrySize(const std::string& key, size_t valueSize) {
+  static size_t entrySize(std::string_view key, size_t valueSize) {
     return (key.empty() ? 0 : fieldSize(key.size())) + fieldSize(valueSize);
   }
 
@@ -91,26 +109,33 @@ class FrameWriter {
   }
 
   bool measure(const Value& v, int depth, size_t* size) {
+    if (const Dictionary* d = v.dictionary()) return measure(*d, depth, size);
     if (depth > kMaxValueDepth) return false;
-    const Dictionary* d = v.dictionary();
     const Array* a = v.array();
-    if (!d && !a) {
+    if (!a) {
       *size = scalarSize(v);
       return true;
     }
     const size_t slot = noteBody();
     size_t body = 0;
     size_t item = 0;
-    if (d) {
-      for (const DictEntry& e : d->entries) {
-        if (!measure(e.value, depth + 1, &item)) return false;
-        body += fieldSize(entrySize(e.key, item));
-      }
-    } else {
-      for (const Value& i : a->items) {
-        if (!measure(i, depth + 1, &item)) return false;
-        body += fieldSize(item);
-      }
+    for (const Value& i : a->items) {
+      if (!measure(i, depth + 1, &item)) return false;
+      body += fieldSize(item);
+    }
+    bodyAt(slot) = body;
+    *size = fieldSize(body);
+    return true;
+  }
+  // A Value holding the dictionary.
+  bool measure(const Dictionary& d, int depth, size_t* size) {
+    if (depth > kMaxValueDepth) return false;
+    const size_t slot = noteBody();
+    size_t body = 0;
+    size_t item = 0;
+    for (const DictEntry& e : d.entries) {
+      if (!measure(e.value, depth + 1, &item)) return false;
+      body += fieldSize(entrySize(e.key, item));
     }
     bodyAt(slot) = body;
     *size = fieldSize(body);
@@ -133,17 +158,18 @@ class FrameWriter {
       const auto [numberTag, bits] = numberField(*n);
       return putVarint(out, numberTag, bits);
     }
-    if (const Dictionary* d = v.dictionary()) {
-      out = putVarint(out, linktag::kDictionary, bodyAt(next_++));
-      for (const DictEntry& e : d->entries) {
-        out = putVarint(out, linktag::kEntry, entrySize(e.key, sizeOf(e.value)));
-        if (!e.key.empty()) out = putBytes(out, linktag::kKey, e.key);
-        out = putValue(out, linktag::kEntryValue, e.value);
-      }
-      return out;
-    }
+    if (const Dictionary* d = v.dictionary()) return putDictionaryBody(out, *d);
     out = putVarint(out, linktag::kArray, bodyAt(next_++));
     for (const Value& item : v.array()->items) out = putValue(out, linktag::kItem, item);
+    return out;
+  }
+  char* putDictionaryBody(char* out, const Dictionary& d) {
+    out = putVarint(out, linktag::kDictionary, bodyAt(next_++));
+    for (const DictEntry& e : d.entries) {
+      out = putVarint(out, linktag::kEntry, entrySize(e.key, sizeOf(e.value)));
+      if (!e.key.empty()) out = putBytes(out, linktag::kKey, e.key);
+      out = putValue(out, linktag::kEntryValue, e.value);
+    }
     return out;
   }
 
@@ -153,7 +179,7 @@ class FrameWriter {
     *out++ = static_cast<char>(value);
     return out;
   }
-  static char* putBytes(char* out, char fieldTag, const std::string& bytes) {
+  static char* putBytes(char* out, char fieldTag, std::string_view bytes) {
     out = putVarint(out, fieldTag, bytes.size());
     return std::copy(bytes.begin(), bytes.end(), out);
   }
