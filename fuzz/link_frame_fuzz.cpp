@@ -3,7 +3,8 @@
 // sanitizers' findings it checks that a decoded frame re-encodes to itself,
 // and that a call that passes the check reaches the method it names with
 // the arguments it carried (the dispatch feeds a remote proxy, which turns
-// the method call back into a frame).
+// the method call back into a frame), and that a record encoded where it
+// lies gives its call's bytes.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -90,6 +91,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const auto again = transport::decodeMessage(*bytes, &error);
     require(again && again->size() == 1, "a re-encoded frame does not decode");
     require(again->front() == frame, "a frame changed through encode and decode");
+    // Records are written from where they lie, to the same bytes.
+    const auto* call = std::get_if<transport::CallFrame>(&frame);
+    if (call && !call->replyId && call->args.size() == 1 && call->args[0].dictionary()) {
+      require(transport::encodeRecordCall(call->selector, *call->args[0].dictionary(), &error) ==
+                  bytes,
+              "a record written where it lies differs from its call");
+    }
     encoded.push_back(std::move(*bytes));
   }
   std::vector<const std::string*> pack;
