@@ -192,21 +192,42 @@ TEST(LinuxDispatch, DroppedQueuesFinishTheirWorkADestroyedDispatchDropsIt) {
   EXPECT_FALSE(ran.load());
 }
 
-// Idle workers exit and new work brings one back (how many may run at once
-// is the blocked queue's test); a released pool is reaped once its last
-// worker is gone.
+// Idle workers exit, even while a trickle of tasks goes on after a burst,
+// and new work brings one back (how many may run at once is the blocked
+// queue's test); a released pool is reaped once its last worker is gone.
 TEST(LinuxWorkerPool, IdleWorkersExitAndComeBackAndAReleasedPoolIsReaped) {
   Tally done;
-  WorkerPool pool("t.pool", 3, 20ms);
+  Tally started;
+  Tally gate;
+  WorkerPool pool("t.pool", 3, 40ms);
+  for (int i = 0; i < 3; ++i) {
+    pool.post([&] {
+      started.add();
+      gate.waitFor(1);
+    });
+  }
+  ASSERT_TRUE(started.waitFor(3));
+  gate.add();
+  // A task every 8 ms: workers woken in turn would each be woken well
+  // within their 40 ms and none would exit.
+  auto deadline = std::chrono::steady_clock::now() + kPatience;
+  int trickled = 0;
+  while (pool.liveThreads() > 1 && std::chrono::steady_clock::now() < deadline) {
+    pool.post([&] { done.add(); });
+    ++trickled;
+    std::this_thread::sleep_for(8ms);
+  }
+  EXPECT_EQ(pool.liveThreads(), 1u);
+  ASSERT_TRUE(done.waitFor(trickled));
   pool.post([&] { done.add(); });
-  ASSERT_TRUE(done.waitFor(1));
-  const auto deadline = std::chrono::steady_clock::now() + kPatience;
+  ASSERT_TRUE(done.waitFor(trickled + 1));
+  deadline = std::chrono::steady_clock::now() + kPatience;
   while (pool.liveThreads() > 0 && std::chrono::steady_clock::now() < deadline) {
     std::this_thread::sleep_for(5ms);
   }
   EXPECT_EQ(pool.liveThreads(), 0u);
   pool.post([&] { done.add(); });
-  EXPECT_TRUE(done.waitFor(2));
+  EXPECT_TRUE(done.waitFor(trickled + 2));
 
   pool.release();
   while (!pool.reap() && std::chrono::steady_clock::now() < deadline + kPatience) {

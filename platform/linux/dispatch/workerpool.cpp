@@ -28,7 +28,7 @@ WorkerPool::~WorkerPool() { shutdown(); }
 
 void WorkerPool::post(Task task) {
   std::list<std::thread> exited;
-  bool notify = false;
+  SleeperRef waiter;
   bool arm = false;
   // Pools made on the stack (tests) have no owner to keep them for later.
   const bool deferred = WakeBatch::defer(weak_from_this().lock());
@@ -45,22 +45,22 @@ void WorkerPool::post(Task task) {
     queued_.store(tasks_.size(), std::memory_order_relaxed);
     if (!exited_.empty()) exited.swap(exited_);  // rare: workers that timed out
     // A spinning worker will find the task without being woken.
-    if (!deferred) notify = spinning_ == 0 && recruitLocked(now, &arm);
+    if (!deferred && spinning_ == 0) waiter = recruitLocked(now, &arm);
   }
-  if (notify) wake_.notify_one();
+  wake(waiter);
   if (arm) armStallCheck();
   joinAll(exited);
 }
 
 void WorkerPool::wakeForQueued() {
-  bool notify = false;
+  SleeperRef waiter;
   bool arm = false;
   {
     std::lock_guard lock(mutex_);
     if (stopping_ || tasks_.empty()) return;
-    notify = spinning_ == 0 && recruitLocked(std::chrono::steady_clock::now(), &arm);
+    if (spinning_ == 0) waiter = recruitLocked(std::chrono::steady_clock::now(), &arm);
   }
-  if (notify) wake_.notify_one();
+  wake(waiter);
   if (arm) armStallCheck();
 }
 
@@ -89,7 +89,7 @@ TimerRef WorkerPool::disarmLocked() {
 // it is stuck and another worker comes; if it is still getting through
 // them, look again later.
 void WorkerPool::stallCheck() {
-  bool notify = false;
+  SleeperRef waiter;
   bool arm = false;
   {
     std::lock_guard lock(mutex_);
@@ -99,21 +99,23 @@ void WorkerPool::stallCheck() {
     if (busy_ > 0 && std::chrono::steady_clock::now() - lastTaken_ < recruiting_.stall) {
       checkArmed_ = arm = true;
     } else {
-      notify = bringWorkerLocked();
+      waiter = bringWorkerLocked();
     }
   }
-  if (notify) wake_.notify_one();
+  wake(waiter);
   if (arm) armStallCheck();
 }
 
 void WorkerPool::release() {
-  {
-    std::lock_guard lock(mutex_);
-    released_ = true;
-    // Queued work must not be stranded when an earlier spawn failed.
-    if (!stopping_ && live_ == 0 && !tasks_.empty()) bringWorkerLocked();
-  }
-  wake_.notify_all();
+  std::lock_guard lock(mutex_);
+  released_ = true;
+  // Queued work must not be stranded when an earlier spawn failed.
+  if (!stopping_ && live_ == 0 && !tasks_.empty()) bringWorkerLocked();
+  wakeAllLocked();
+}
+
+void WorkerPool::wakeAllLocked() {
+  for (const SleeperRef& sleeper : sleepers_) sleeper->cv.notify_one();
 }
 
 void WorkerPool::shutdown() {
@@ -126,8 +128,8 @@ void WorkerPool::shutdown() {
     queued_.store(0, std::memory_order_relaxed);
     threads.swap(workers_);
     threads.splice(threads.end(), exited_);
+    wakeAllLocked();
   }
-  wake_.notify_all();
   // Captures may post or drop queues on destruction; no lock is held here.
   dropped.clear();
   joinAll(threads);
@@ -154,26 +156,29 @@ unsigned WorkerPool::liveThreads() {
 // new thread. Only one is brought at a time; it recruits the next when it
 // finds more work behind its own. That keeps a steady stream of posts from
 // waking or spawning a thread per task, while a backlog (or workers stuck in
-// tasks) still grows the pool to its cap. True when a waiter must be woken.
-bool WorkerPool::recruitLocked(std::chrono::steady_clock::time_point now, bool* arm) {
+// tasks) still grows the pool to its cap. The waiter to wake, if one.
+WorkerPool::SleeperRef WorkerPool::recruitLocked(std::chrono::steady_clock::time_point now,
+                                                 bool* arm) {
   if (recruiting_.stall.count() > 0 && recruiting_.arm && busy_ > 0 &&
       tasks_.size() < recruiting_.backlog && now - lastTaken_ < recruiting_.stall) {
     // A busy worker is getting through them; a check makes sure it does.
     if (!checkArmed_) checkArmed_ = *arm = true;
-    return false;
+    return nullptr;
   }
   return bringWorkerLocked();
 }
 
-bool WorkerPool::bringWorkerLocked() {
-  if (wakeups_ + starting_ > 0) return false;
-  if (idle_ > 0) {
-    --idle_;
+WorkerPool::SleeperRef WorkerPool::bringWorkerLocked() {
+  if (wakeups_ + starting_ > 0) return nullptr;
+  if (!sleepers_.empty()) {
+    SleeperRef sleeper = std::move(sleepers_.back());
+    sleepers_.pop_back();
+    sleeper->woken = true;
     ++wakeups_;
-    return true;
+    return sleeper;
   }
   if (live_ < maxThreads_) spawnLocked();
-  return false;
+  return nullptr;
 }
 
 void WorkerPool::spawnLocked() {
@@ -191,6 +196,7 @@ void WorkerPool::spawnLocked() {
 void WorkerPool::workerMain() {
   nameThread(name_);
   prioritiseThread(qos_);
+  const auto self = std::make_shared<Sleeper>();
   std::unique_lock lock(mutex_);
   --starting_;
   // Open while this worker gets through a run of tasks; always closed,
@@ -214,9 +220,9 @@ void WorkerPool::workerMain() {
         ++busy_;
         lastTaken_ = std::chrono::steady_clock::now();
         bool arm = false;
-        const bool notify = !tasks_.empty() && recruitLocked(lastTaken_, &arm);
+        const SleeperRef waiter = tasks_.empty() ? nullptr : recruitLocked(lastTaken_, &arm);
         lock.unlock();
-        if (notify) wake_.notify_one();
+        wake(waiter);
         if (arm) armStallCheck();
         task();
       }
@@ -243,14 +249,15 @@ void WorkerPool::workerMain() {
       const auto spin = spinLengthLocked();
       if (spin.count() > 0 && spinForWork(lock, spin)) continue;
     }
-    ++idle_;
-    const bool woken = wake_.wait_for(lock, idleTimeout_,
-                                      [this] { return wakeups_ > 0 || stopping_ || released_; });
-    if (wakeups_ > 0) {
-      --wakeups_;  // whoever woke us already took us off idle_
+    self->woken = false;
+    sleepers_.push_back(self);
+    const bool woken = self->cv.wait_for(
+        lock, idleTimeout_, [&] { return self->woken || stopping_ || released_; });
+    if (self->woken) {
+      --wakeups_;  // whoever woke us already took us off sleepers_
       continue;
     }
-    --idle_;
+    sleepers_.erase(std::find(sleepers_.begin(), sleepers_.end(), self));
     if (!woken) break;
   }
   const bool idleExit = !stopping_ && !released_;

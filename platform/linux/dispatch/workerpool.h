@@ -10,6 +10,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "dispatch/wakebatch.h"
 #include "rtn/dispatch.h"
@@ -69,9 +70,25 @@ class WorkerPool : public Wakeable, public std::enable_shared_from_this<WorkerPo
   unsigned liveThreads();
 
  private:
-  // True when a waiter must be woken; *arm when a stall check must be armed.
-  bool recruitLocked(std::chrono::steady_clock::time_point now, bool* arm);
-  bool bringWorkerLocked();
+  // An idle worker's own wake-up. The worker idle for the shortest time is
+  // woken first: under a trickle of tasks the same one takes them all and
+  // the others time out, where waking them in turn would keep every thread
+  // of a past burst alive. Shared, so that a waker may notify after it lets
+  // go of the lock.
+  struct Sleeper {
+    std::condition_variable cv;
+    bool woken = false;
+  };
+  using SleeperRef = std::shared_ptr<Sleeper>;
+
+  // The waiter to wake, if any; *arm when a stall check must be armed.
+  SleeperRef recruitLocked(std::chrono::steady_clock::time_point now, bool* arm);
+  SleeperRef bringWorkerLocked();
+  static void wake(const SleeperRef& sleeper) {
+    if (sleeper) sleeper->cv.notify_one();
+  }
+  // For release and shutdown: every waiter looks at the pool again.
+  void wakeAllLocked();
   void armStallCheck();
   void stallCheck();
   // The armed check, once the queue is empty; null otherwise.
@@ -96,14 +113,13 @@ class WorkerPool : public Wakeable, public std::enable_shared_from_this<WorkerPo
   const bool batchWakes_;
 
   std::mutex mutex_;
-  std::condition_variable wake_;
   std::deque<Task> tasks_;
   std::list<std::thread> workers_;
   std::list<std::thread> exited_;  // returned from workerMain, not joined yet
   unsigned live_ = 0;
-  // Waiting workers nobody has woken yet. Waking one takes it off this count
-  // and leaves a wakeup token for whichever waiter gets there first.
-  unsigned idle_ = 0;
+  // Waiting workers nobody has woken yet, the most recent last; waking one
+  // takes it off and counts it in wakeups_ until it runs.
+  std::vector<SleeperRef> sleepers_;
   unsigned wakeups_ = 0;
   unsigned starting_ = 0;  // spawned, not yet at the queue
   unsigned spinning_ = 0;  // looking for work without the lock
