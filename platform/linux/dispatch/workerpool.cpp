@@ -110,7 +110,7 @@ void WorkerPool::release() {
   std::lock_guard lock(mutex_);
   released_ = true;
   // Queued work must not be stranded when an earlier spawn failed.
-  if (!stopping_ && live_ == 0 && !tasks_.empty()) bringWorkerLocked();
+  if (!stopping_ && live_ == 0 && !tasks_.empty()) wake(bringWorkerLocked());
   wakeAllLocked();
 }
 
