@@ -93,10 +93,6 @@ std::string tooLarge(size_t size, size_t limit) {
          "-byte limit";
 }
 
-}  // namespace
-
-namespace {
-
 // Measures, checks the size, then writes: the writer's two passes.
 template <typename Measure, typename Write>
 std::optional<std::string> encodeWith(Measure measure, Write write, std::string* error,
