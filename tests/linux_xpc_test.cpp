@@ -169,7 +169,7 @@ TEST(LinuxXpcFrames, TheCodecWritesAndReadsAsTheGeneratedClassesAndNothingThePee
       {"", Value("empty key")},
       {"nil", Value()},
       {"empty", Value("")},
-      {"text", Value("ü/\n")},
+      {"text", Value("/media/usb/report ü/\n")},
       {"long", Value(std::string(20000, 'a'))},  // lengths of three varint bytes
       {"dict", Value(Dictionary{})},
       {"list", Value(Array{{Value(), Value(Array{}), Value(numbers), Value(Dictionary{})}})},
@@ -244,7 +244,8 @@ TEST(LinuxXpcFrames, DecoderAndCallCheckNameWhatIsWrong) {
   entries->mutable_entries(1)->set_key("\xc3\x28");
   EXPECT_EQ(decodeError(), arg + "dictionary key is not valid UTF-8");
   entries->mutable_entries(1)->set_key("uid");
-  entries->mutable_entries(1)->mutable_value()->set_string("\xed\xa0\x80");  // a surrogate
+  // A surrogate, past a run of ASCII.
+  entries->mutable_entries(1)->mutable_value()->set_string("/media/usb/folder\xed\xa0\x80");
   EXPECT_EQ(decodeError(), arg + "string value is not valid UTF-8");
   entries->mutable_entries(1)->mutable_value()->clear_kind();
   EXPECT_EQ(decodeError(), arg + "value of no known kind");

@@ -112,13 +112,13 @@ TEST_F(RefDaemonLink, PushesConfigurationAndCommandsToEveryExtensionAndPrintsEve
   // Each event is one JSON line, numbers tagged by kind; a print job is
   // answered with the verdict the daemon was given.
   a.daemon->handlePrinterEvent(
-      Dictionary{{{"filename", Value("/tmp/\"d\"\n\x01é")},
+      Dictionary{{{"filename", Value("/tmp/spool/\"d\"\n\x01é")},
                   {"pid", Value(Number::ofUnsignedInt(77))},
                   {"size", Value(Number::ofLongLong(-7))},
                   {"nested", Value(Array{{Value(), Value(Number::ofBool(true))}})},
                   {"path", Value("/u/ev\\xffil")}}});
-  ASSERT_TRUE(first.waitFor("setPrinter '/tmp/\"d\"\n\x01é' YES"));
-  EXPECT_EQ(output_.count("{\"event\":\"handlePrinterEvent:\",\"filename\":\"/tmp/\\\"d\\\"\\n"
+  ASSERT_TRUE(first.waitFor("setPrinter '/tmp/spool/\"d\"\n\x01é' YES"));
+  EXPECT_EQ(output_.count("{\"event\":\"handlePrinterEvent:\",\"filename\":\"/tmp/spool/\\\"d\\\"\\n"
                           "\\u0001é\",\"pid\":{\"uint\":77},\"size\":{\"longlong\":-7},"
                           "\"nested\":[null,{\"bool\":true}],"
                           // A name the extension escaped: its bytes beside it.

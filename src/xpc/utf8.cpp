@@ -1,6 +1,7 @@
 #include "xpc/utf8.h"
 
 #include <cstdint>
+#include <cstring>
 
 namespace tarvex::itx::xpc {
 
@@ -36,7 +37,21 @@ size_t utf8SequenceLength(std::string_view text, size_t at) {
 }
 
 bool isValidUtf8(std::string_view text) {
-  for (size_t at = 0; at < text.size();) {
+  const auto* p = reinterpret_cast<const uint8_t*>(text.data());
+  size_t at = 0;
+  while (at < text.size()) {
+    // Paths and names are mostly ASCII: eight bytes at a time while they are.
+    uint64_t word;
+    while (at + sizeof word <= text.size()) {
+      std::memcpy(&word, p + at, sizeof word);
+      if (word & 0x8080808080808080ull) break;
+      at += sizeof word;
+    }
+    if (at == text.size()) break;
+    if (p[at] < 0x80) {
+      ++at;
+      continue;
+    }
     const size_t length = utf8SequenceLength(text, at);
     if (length == 0) return false;
     at += length;

@@ -1,7 +1,9 @@
 #include "refdaemon/jsonline.h"
 
 #include <charconv>
+#include <cstdint>
 #include <cstdio>
+#include <cstring>
 
 #include "text/byteescape.h"
 
@@ -17,12 +19,30 @@ using tarvex::itx::rtn::linux_platform::unescapeBytes;
 
 namespace {
 
-// Appends text quoted and escaped; runs that need no escape go in whole.
+// Whether any of eight bytes is a control character, '"' or '\\': the
+// usual tests for a zero byte, below 0x20 and after xor with each.
+bool mayNeedEscape(uint64_t bytes) {
+  constexpr uint64_t kOnes = 0x0101010101010101ull;
+  constexpr uint64_t kHighs = 0x8080808080808080ull;
+  auto hasZero = [&](uint64_t v) { return (v - kOnes) & ~v & kHighs; };
+  return (((bytes - kOnes * 0x20) & ~bytes & kHighs) | hasZero(bytes ^ (kOnes * '"')) |
+          hasZero(bytes ^ (kOnes * '\\'))) != 0;
+}
+
+// Appends text quoted and escaped; runs that need no escape go in whole,
+// found eight bytes at a time.
 void appendJsonString(std::string& out, std::string_view text) {
   out.reserve(out.size() + text.size() + 2);
   out += '"';
   size_t run = 0;
   for (size_t i = 0; i < text.size(); ++i) {
+    uint64_t bytes;
+    while (i + sizeof bytes <= text.size()) {
+      std::memcpy(&bytes, text.data() + i, sizeof bytes);
+      if (mayNeedEscape(bytes)) break;
+      i += sizeof bytes;
+    }
+    if (i == text.size()) break;
     const auto c = static_cast<unsigned char>(text[i]);
     if (c >= 0x20 && c != '"' && c != '\\') continue;  // UTF-8 passes through
     out.append(text, run, i - run);
