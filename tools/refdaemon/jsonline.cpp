@@ -32,7 +32,6 @@ bool mayNeedEscape(uint64_t bytes) {
 // Appends text quoted and escaped; runs that need no escape go in whole,
 // found eight bytes at a time.
 void appendJsonString(std::string& out, std::string_view text) {
-  out.reserve(out.size() + text.size() + 2);
   out += '"';
   size_t run = 0;
   for (size_t i = 0; i < text.size(); ++i) {

@@ -140,22 +140,12 @@ void FanotifyDecoder::flush() {
 }
 
 void FanotifyDecoder::hold(const Record& record) {
-  // The read's buffer is reused: the views move to a copy of the record.
+  // The read's buffer is reused: the record is copied and read again from
+  // the copy, which parsed once already.
   pendingBytes_.assign(record.raw.begin(), record.raw.end());
-  const char* from = record.raw.data();
-  const char* to = pendingBytes_.data();
-  auto moved = [&](std::string_view v) {
-    return v.empty() ? v : std::string_view(to + (v.data() - from), v.size());
-  };
-  auto movedName = [&](std::optional<Named>& named) {
-    if (named) named = Named{moved(named->dirKey), moved(named->name)};
-  };
-  Record& held = pending_.emplace(record);
-  held.raw = std::string_view(to, pendingBytes_.size());
-  movedName(held.entry);
-  movedName(held.oldEntry);
-  movedName(held.newEntry);
-  if (held.objectKey) held.objectKey = moved(*held.objectKey);
+  fanotify_event_metadata metadata;
+  std::memcpy(&metadata, pendingBytes_.data(), sizeof metadata);
+  parse(metadata, pendingBytes_.data(), pending_.emplace());
 }
 
 void FanotifyDecoder::dispatch(Record& r) {
@@ -245,12 +235,13 @@ bool FanotifyDecoder::resolve(std::string_view key, std::string& out) {
 }
 
 bool FanotifyDecoder::pathOf(const Named& entry, std::string& out) {
-  if (!resolve(entry.dirKey, out)) {
+  if (!resolve(entry.dirKey, dir_)) {
     ++counters_.unresolved;
     LOG_DEBUG("A directory handle did not resolve (%{public}s); event dropped.",
               std::string(entry.name).c_str());
     return false;
   }
+  out = dir_;
   if (entry.name.empty()) return true;
   if (out != "/") out += '/';
   out += entry.name;
@@ -317,9 +308,10 @@ void FanotifyDecoder::emitClose(const Record& r, const std::string& path, bool m
 
 void FanotifyDecoder::emitRename(const Record& r, bool existing) {
   if (!r.oldEntry || !r.newEntry) return;
-  // path_: where it was; dir_: the directory it went to; other_: its new path.
+  // path_: where it was; dir_: the directory it went to (most often the
+  // one it was in); other_: its new path.
   if (!pathOf(*r.oldEntry, path_)) return;
-  if (!resolve(r.newEntry->dirKey, dir_)) {
+  if (r.newEntry->dirKey != r.oldEntry->dirKey && !resolve(r.newEntry->dirKey, dir_)) {
     ++counters_.unresolved;
     return;
   }
@@ -366,7 +358,6 @@ void FanotifyDecoder::emitLink(const Record& r, const std::string& targetPath) {
     other_ = targetPath;
   }
   if (!sink_.wants(ES_EVENT_TYPE_NOTIFY_LINK)) return;
-  if (!resolve(r.entry->dirKey, dir_)) return;
   Message* m = begin(ES_EVENT_TYPE_NOTIFY_LINK, r.pid);
   m->es.event.link.source = object(*m, other_, r.objectKey);
   m->es.event.link.target_dir = file(*m, dir_, true);
@@ -378,9 +369,7 @@ void FanotifyDecoder::emitUnlink(const Record& r, const std::string& path) {
   if (!sink_.wants(ES_EVENT_TYPE_NOTIFY_UNLINK)) return;
   Message* m = begin(ES_EVENT_TYPE_NOTIFY_UNLINK, r.pid);
   m->es.event.unlink.target = m->addFile(path, nullptr);
-  const bool resolved = resolve(r.entry->dirKey, dir_);
-  if (!resolved) dir_.clear();
-  m->es.event.unlink.parent_dir = file(*m, dir_, resolved);
+  m->es.event.unlink.parent_dir = file(*m, dir_, true);
   sink_.deliver(m);
 }
 

@@ -105,7 +105,8 @@ class FanotifyDecoder {
   // Copies a rename that must outlive its read.
   void hold(const Record& record);
   void dispatch(Record& record);
-  // Fill `out` with a path; false when the handle does not resolve.
+  // Fills `out` with the entry's path and dir_ with its directory; false
+  // when the directory's handle does not resolve.
   bool pathOf(const Named& entry, std::string& out);
   bool resolve(std::string_view key, std::string& out);
   void rememberPath(std::string_view objectKey, std::string_view path);
@@ -115,6 +116,7 @@ class FanotifyDecoder {
   void emitClose(const Record& r, const std::string& path, bool modified);
   void emitRename(const Record& r, bool existing);
   void emitExchange(const Record& first);
+  // These two follow pathOf(r.entry): the path it gave, its dir_.
   void emitLink(const Record& r, const std::string& targetPath);
   void emitUnlink(const Record& r, const std::string& path);
   Message* begin(es_event_type_t type, pid_t pid);
@@ -140,7 +142,8 @@ class FanotifyDecoder {
   // newer object pushes out an older one; slots keep their strings' room,
   // and remembering allocates nothing once they are warm.
   std::vector<KnownPath> knownPaths_;
-  // Reused for every event: the path it names, a directory, a second path.
+  // Reused for every event: the path it names, a directory (pathOf's, so
+  // the emitters that follow it need not resolve it again), a second path.
   std::string path_;
   std::string dir_;
   std::string other_;

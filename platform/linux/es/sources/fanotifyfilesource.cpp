@@ -322,15 +322,16 @@ bool FanotifyFileSource::path(std::string_view key, std::string& out) {
   const bool statted = fstat(fd, &st) == 0;
   close(fd);
   if (path.empty()) return false;
-  if (!stripDeletedTail(path) && statted) {
+  const bool deleted = stripDeletedTail(path);
+  out += path;
+  if (!deleted && statted) {
     if (resolved_.size() >= kResolvedPaths) {
       resolved_.clear();
       lastDir_ = nullptr;
     }
-    Resolved& known = resolved_[std::string(key)] = Resolved{path, st, read_};
+    Resolved& known = resolved_[std::string(key)] = Resolved{std::move(path), st, read_};
     if (S_ISDIR(st.st_mode)) lastDir_ = &known;
   }
-  out += path;
   return true;
 }
 
