@@ -1,7 +1,5 @@
 #include "dispatch/workerpool.h"
 
-#include <malloc.h>
-
 #include <algorithm>
 #include <optional>
 #include <system_error>
@@ -9,6 +7,7 @@
 
 #include "dispatch/threadname.h"
 #include "dispatch/threadpriority.h"
+#include "memory/freedmemory.h"
 
 namespace tarvex::itx::rtn::linux_platform {
 
@@ -265,7 +264,7 @@ void WorkerPool::workerMain() {
   lock.unlock();
   // A burst is over: what its tasks allocated goes back to the system
   // rather than staying resident until the next one.
-  if (idleExit) malloc_trim(0);
+  if (idleExit) returnFreedMemory();
 }
 
 void WorkerPool::notePostLocked(std::chrono::steady_clock::time_point now) {

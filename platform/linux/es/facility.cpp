@@ -1,7 +1,5 @@
 // The kernel-backed facility of the real extension binary: the hub and the
 // event sources this machine's kernel allows, probed once at start.
-#include <malloc.h>
-
 #include <cstdlib>
 #include <functional>
 #include <cstring>
@@ -17,6 +15,7 @@
 #include "es/hub/linuxendpointsecurity.h"
 #include "es/sources/procconnectorsource.h"
 #include "log/log.h"
+#include "memory/freedmemory.h"
 #include "metrics/counters.h"
 #include "metrics/countersummary.h"
 #include "setup/facility.h"
@@ -183,7 +182,7 @@ endpointsecurity::IEndpointSecurityApi* makeEndpointSecurity(IClock& clock, IDis
   startCounterSummary(clock, dispatch);
   // Loading the BPF programs parsed the kernel's type information, some
   // megabytes freed since: give them back rather than keep them resident.
-  malloc_trim(0);
+  returnFreedMemory();
   return hub;
 }
 
