@@ -3,7 +3,8 @@
 // absolute time, queue and dispatch lifetimes, and how workers come to short
 // work (a batch posted under a WakeBatch wakes once; a worker stuck in a
 // task still gets help without any further post; a notification queue's
-// run of tasks wakes what they post once).
+// run of tasks wakes what they post once), a caller that runs what it posts
+// itself, and threads that take turns at a loop.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -16,7 +17,9 @@
 #include <vector>
 
 #include "clock/monotonicclock.h"
+#include "dispatch/callerhelps.h"
 #include "dispatch/linuxdispatch.h"
+#include "dispatch/looprelay.h"
 #include "dispatch/wakebatch.h"
 #include "dispatch/workerpool.h"
 
@@ -324,6 +327,119 @@ TEST(LinuxWakeBatch, ANotifyQueuesRunWakesWhatItPostsOnceAndGlobalQueuesDoNot) {
   for (int i = 0; i < kRun; ++i) global->async([&] { unbatched->post(); });
   ASSERT_TRUE(unbatched->direct.waitFor(kRun));
   EXPECT_EQ(unbatched->deferred.count(), 0);
+}
+
+TEST(LinuxCallerHelps, TheCallerRunsItsInteractivePostsAndAStuckOneGetsHelp) {
+  Tally interactiveRuns;
+  Tally otherRuns;
+  Tally gate;
+  MonotonicClock clock;
+  LinuxDispatch dispatch(clock);
+  QueueRef interactive = dispatch.createConcurrentQueue("t.auth", QosClass::UserInteractive);
+  QueueRef other = dispatch.createConcurrentQueue("t.other", QosClass::Default);
+  std::vector<int> order;
+  {
+    CallerHelps helps;
+    EXPECT_FALSE(helps.holding());
+    for (int i = 0; i < 3; ++i) {
+      interactive->async([&, i] {
+        order.push_back(i);
+        interactiveRuns.add();
+      });
+    }
+    // Others are not held back: the caller may wait on them.
+    other->async([&] { otherRuns.add(); });
+    EXPECT_TRUE(otherRuns.waitFor(1));
+    std::this_thread::sleep_for(20ms);
+    EXPECT_EQ(interactiveRuns.count(), 0);
+    ASSERT_TRUE(helps.holding());
+    helps.help();
+    EXPECT_EQ(order, (std::vector<int>{0, 1, 2}));
+    EXPECT_EQ(interactiveRuns.threads(), 1u);
+    EXPECT_EQ(interactiveRuns.count(), 3);
+    // What a helped task posts is not held back for a help to come.
+    interactive->async([&] {
+      interactive->async([&] { gate.add(); });
+      EXPECT_TRUE(gate.waitFor(1)) << "a helped task's own post was held back";
+    });
+    helps.help();
+  }
+  // A helper stuck in a task: a worker comes for the one behind it.
+  std::thread helper([&] {
+    CallerHelps helps;
+    interactive->async([&] { gate.waitFor(2); });
+    interactive->async([&] { interactiveRuns.add(); });
+    helps.help();
+  });
+  EXPECT_TRUE(interactiveRuns.waitFor(4)) << "the task behind a stuck helper never ran";
+  gate.add();
+  helper.join();
+  // Left without help, the scope wakes a worker at its end.
+  { CallerHelps helps; interactive->async([&] { interactiveRuns.add(); }); }
+  EXPECT_TRUE(interactiveRuns.waitFor(5));
+}
+
+TEST(LinuxLoopRelay, AHeldTurnIsTakenUpAfterThePatienceAndTheHeldThreadComesBackForALaterOne) {
+  Tally turns;
+  Tally gate;
+  std::mutex mutex;
+  std::vector<std::thread::id> takers;
+  std::vector<bool> kept;
+  std::atomic<bool> stop = false;
+  MonotonicClock clock;
+  LinuxDispatch dispatch(clock);
+  QueueRef relief = dispatch.globalQueue(QosClass::UserInteractive);
+  LoopRelay* relayOf = nullptr;
+  auto keptCount = [&] {
+    std::lock_guard lock(mutex);
+    return kept.size();
+  };
+  auto loop = [&] {
+    int turn;
+    {
+      std::lock_guard lock(mutex);
+      takers.push_back(std::this_thread::get_id());
+      turn = static_cast<int>(takers.size());
+    }
+    turns.add();
+    if (turn <= 2) {
+      if (turn == 2) {
+        // Holds only once the first thread is back and waiting, so that it
+        // is the one that takes the third turn.
+        while (keptCount() == 0) std::this_thread::sleep_for(1ms);
+        std::this_thread::sleep_for(50ms);
+      }
+      const bool stillMine = relayOf->stepAway([&] { gate.waitFor(turn); });
+      std::lock_guard lock(mutex);
+      kept.push_back(stillMine);
+      return;
+    }
+    while (!stop) {
+      EXPECT_TRUE(relayOf->stepAway([] {})) << "a quick step away lost the turn";
+      std::this_thread::sleep_for(1ms);
+    }
+  };
+  LoopRelay relay(
+      loop,
+      [&](std::chrono::microseconds delay, Task check) {
+        const uint64_t when = clock.now() + clock.nanosToTicks(delay.count() * 1000);
+        return dispatch.after(when, relief, std::move(check));
+      },
+      1ms, 4);
+  relayOf = &relay;
+  relay.start();
+  ASSERT_TRUE(turns.waitFor(2)) << "nobody took the held loop up";
+  gate.add();  // the first holder is back; the second turn then holds
+  ASSERT_TRUE(turns.waitFor(3));
+  gate.add();
+  std::this_thread::sleep_for(10ms);
+  stop = true;
+  relay.stop();
+  std::lock_guard lock(mutex);
+  EXPECT_EQ(kept, (std::vector<bool>{false, false}));
+  ASSERT_EQ(takers.size(), 3u);
+  EXPECT_EQ(takers[2], takers[0]) << "a new thread came while one was waiting";
+  EXPECT_EQ(relay.threads(), 0u);
 }
 
 }  // namespace

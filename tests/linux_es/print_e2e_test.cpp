@@ -1,7 +1,7 @@
 // Printing on the real kernel: a job through Debian's CUPS to a PDF queue is
 // reported once with its submitter and its filters are held; the printer
 // observer holds and denies print filters through AUTH_EXEC and every
-// other exec gets its answer.
+// other exec gets its answer, also while a filter is held.
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -116,9 +116,15 @@ TEST_F(Printing, FiltersAreHeldOrDeniedAndEveryOtherExecIsAnswered) {
     return text(r, "filename") == data;
   })) << "the job was not reported";
   // The pending job's filter is held: six waits of 200 ms, then the
-  // client's default answer.
+  // client's default answer. Other execs are answered meanwhile.
   auto start = steady_clock::now();
-  EXPECT_EQ(run(filterCall(data)), 0);
+  std::thread filter([&] { EXPECT_EQ(run(filterCall(data)), 0); });
+  std::this_thread::sleep_for(milliseconds(300));
+  const auto other = steady_clock::now();
+  EXPECT_EQ(run({"/bin/true"}), 0);
+  // Not the 900 ms left of the filter's hold.
+  EXPECT_LT(steady_clock::now() - other, milliseconds(600)) << "an exec waited for the held filter";
+  filter.join();
   EXPECT_GE(steady_clock::now() - start, milliseconds(1100));
   EXPECT_LT(steady_clock::now() - start, milliseconds(2900));
   // A filter for a data file never reported is denied; anything else runs,

@@ -5,6 +5,7 @@
 #include <system_error>
 #include <utility>
 
+#include "dispatch/callerhelps.h"
 #include "dispatch/threadname.h"
 #include "dispatch/threadpriority.h"
 #include "memory/freedmemory.h"
@@ -30,7 +31,9 @@ void WorkerPool::post(Task task) {
   SleeperRef waiter;
   bool arm = false;
   // Pools made on the stack (tests) have no owner to keep them for later.
-  const bool deferred = WakeBatch::defer(weak_from_this().lock());
+  const std::shared_ptr<WorkerPool> self = weak_from_this().lock();
+  const bool deferred =
+      (qos_ == QosClass::UserInteractive && CallerHelps::take(self)) || WakeBatch::defer(self);
   // Read once, outside the lock; a deferred post of a pool that doesn't
   // spin needs no time at all.
   const bool timed = spin_.count() > 0 || !deferred;
@@ -212,21 +215,7 @@ void WorkerPool::workerMain() {
         lock.lock();
         continue;
       }
-      {
-        Task task = std::move(tasks_.front());
-        tasks_.pop_front();
-        queued_.store(tasks_.size(), std::memory_order_relaxed);
-        ++busy_;
-        lastTaken_ = std::chrono::steady_clock::now();
-        bool arm = false;
-        const SleeperRef waiter = tasks_.empty() ? nullptr : recruitLocked(lastTaken_, &arm);
-        lock.unlock();
-        wake(waiter);
-        if (arm) armStallCheck();
-        task();
-      }
-      lock.lock();
-      --busy_;
+      runNextLocked(lock);
       continue;
     }
     if (batch) {
@@ -265,6 +254,32 @@ void WorkerPool::workerMain() {
   // A burst is over: what its tasks allocated goes back to the system
   // rather than staying resident until the next one.
   if (idleExit) returnFreedMemory();
+}
+
+void WorkerPool::runNextLocked(std::unique_lock<std::mutex>& lock) {
+  {
+    Task task = std::move(tasks_.front());
+    tasks_.pop_front();
+    queued_.store(tasks_.size(), std::memory_order_relaxed);
+    ++busy_;
+    lastTaken_ = std::chrono::steady_clock::now();
+    bool arm = false;
+    const SleeperRef waiter = tasks_.empty() ? nullptr : recruitLocked(lastTaken_, &arm);
+    lock.unlock();
+    wake(waiter);
+    if (arm) armStallCheck();
+    task();
+  }
+  lock.lock();
+  --busy_;
+}
+
+void WorkerPool::runQueuedHere() {
+  std::unique_lock lock(mutex_);
+  while (!tasks_.empty() && !stopping_) runNextLocked(lock);
+  TimerRef check = disarmLocked();
+  lock.unlock();
+  if (check) check->cancel();
 }
 
 void WorkerPool::notePostLocked(std::chrono::steady_clock::time_point now) {

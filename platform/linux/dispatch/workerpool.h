@@ -53,8 +53,12 @@ class WorkerPool : public Wakeable, public std::enable_shared_from_this<WorkerPo
   WorkerPool& operator=(const WorkerPool&) = delete;
 
   void post(Task task);
-  // Brings a worker to tasks queued under a WakeBatch.
+  // Brings a worker to tasks queued under a WakeBatch or CallerHelps.
   void wakeForQueued() override;
+
+  // The calling thread runs what is queued, as a worker: should a task
+  // hold it, the stall check brings a worker for the rest. For CallerHelps.
+  void runQueuedHere();
 
   // The owning queue is gone: tasks already queued still run, then the
   // workers exit without waiting out the idle time-out.
@@ -95,6 +99,8 @@ class WorkerPool : public Wakeable, public std::enable_shared_from_this<WorkerPo
   TimerRef disarmLocked();
   void spawnLocked();
   void workerMain();
+  // Runs the next task without the lock, bringing help for those behind it.
+  void runNextLocked(std::unique_lock<std::mutex>& lock);
   // Keeps the mean gap between posts, for spinLengthLocked().
   void notePostLocked(std::chrono::steady_clock::time_point now);
   // How long an idle worker looks for work before it sleeps: up to spin_.

@@ -176,7 +176,14 @@ endpointsecurity::IEndpointSecurityApi* makeEndpointSecurity(IClock& clock, IDis
   counting.files = files.get();
   if (opens != nullptr) *opens = files.get();
   hub->addSource(std::move(files));
-  hub->addSource(std::make_unique<FanotifyAuthSource>(*hub));
+  // A reader held by an observer is relieved from the global interactive
+  // queue, which wakes only when that happens.
+  QueueRef relief = dispatch.globalQueue(QosClass::UserInteractive);
+  auto arm = [&clock, &dispatch, relief](std::chrono::microseconds delay, Task check) {
+    const auto nanos = static_cast<uint64_t>(delay.count()) * 1000;
+    return dispatch.after(clock.now() + clock.nanosToTicks(nanos), relief, std::move(check));
+  };
+  hub->addSource(std::make_unique<FanotifyAuthSource>(*hub, arm));
   probeLsmTier();
   registerFacilityCounters(*hub, std::move(counting));
   startCounterSummary(clock, dispatch);

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <vector>
 
+#include "dispatch/callerhelps.h"
 #include "dispatch/threadname.h"
 #include "dispatch/threadpriority.h"
 #include "es/procfs/execcall.h"
@@ -29,6 +30,7 @@ namespace endpointsecurity::linux_es {
 
 using tarvex::itx::rtn::linux_platform::heartbeat;
 using tarvex::itx::rtn::linux_platform::HeartbeatPage;
+using tarvex::itx::rtn::linux_platform::LoopRelay;
 
 namespace {
 
@@ -79,18 +81,24 @@ std::string resolved(const std::string& path) {
   return !path.empty() && realpath(path.c_str(), buffer) != nullptr ? buffer : "";
 }
 
+// How long an observer may hold the reader before another thread reads on,
+// and how many may be held at once.
+constexpr std::chrono::milliseconds kPatience{2};
+constexpr unsigned kMaxReaders = 4;
+
 // Callers awaiting an interpreter are few at a time; past this many, some
 // exec failed unseen and the oldest guesses are worthless.
 constexpr size_t kMaxAwaiting = 4096;
 
 }  // namespace
 
-FanotifyAuthSource::FanotifyAuthSource(LinuxEndpointSecurity& hub)
+FanotifyAuthSource::FanotifyAuthSource(LinuxEndpointSecurity& hub, LoopRelay::Arm arm)
     : hub_(hub),
       self_(getpid()),
       watchdog_(tarvex::itx::rtn::linux_platform::stallWatchdogPid()),
       loaderName_(nativeLoader()),
-      loader_(resolved(loaderName_)) {}
+      loader_(resolved(loaderName_)),
+      arm_(std::move(arm)) {}
 
 uint64_t FanotifyAuthSource::lateAnswers() { return gLateAnswers.load(); }
 
@@ -131,8 +139,13 @@ EventSet FanotifyAuthSource::types() const {
 
 void FanotifyAuthSource::closeGroup() {
   stopping_.store(true);
-  if (thread_.joinable()) thread_.join();
+  if (relay_) relay_->stop();
+  relay_.reset();
   stopping_.store(false);
+  if (mountsFd_ >= 0) close(mountsFd_);
+  mountsFd_ = -1;
+  pendingTable_.clear();
+  readPos_ = readEnd_ = 0;
   heartbeat().groupFd.store(-1);
   group_.reset();  // closed once no answer is pending; the kernel allows the rest
   marked_.clear();
@@ -191,7 +204,9 @@ bool FanotifyAuthSource::apply(const EventSet& wanted) {
              "systems.",
              (mask & FAN_OPEN_EXEC_PERM) ? "exec " : "", (mask & FAN_OPEN_PERM) ? "open" : "",
              static_cast<int>(marked_.size()));
-    thread_ = std::thread([this] { run(); });
+    mountsFd_ = open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC);
+    relay_ = std::make_unique<LoopRelay>([this] { run(); }, arm_, kPatience, kMaxReaders);
+    relay_->start();
     return true;
   }
   bool ok = true;
@@ -303,51 +318,63 @@ void FanotifyAuthSource::handle(int eventFd, uint64_t mask, pid_t pid) {
   hub_.deliver(message);
 }
 
+// One turn at the loop: until stopped, or taken up by another thread while
+// this one answered for an observer that held it.
 void FanotifyAuthSource::run() {
   tarvex::itx::rtn::linux_platform::nameThread("lumo-es-fanauth");
   // Every exec on the machine waits on this thread.
   tarvex::itx::rtn::linux_platform::prioritiseThread(tarvex::itx::rtn::QosClass::UserInteractive);
-  const int mounts = open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC);
-  std::vector<char> buffer(64 * 1024);
-  std::string pendingTable;
   const int fd = *group_;
   HeartbeatPage& page = heartbeat();
   while (!stopping_.load()) {
-    pollfd fds[2] = {{fd, POLLIN, 0}, {mounts, POLLPRI, 0}};
-    const int ready = poll(fds, mounts >= 0 ? 2 : 1, 200);
+    if (readPos_ == readEnd_) {
+      pollfd fds[2] = {{fd, POLLIN, 0}, {mountsFd_, POLLPRI, 0}};
+      const int ready = poll(fds, mountsFd_ >= 0 ? 2 : 1, 200);
+      page.readerBeats.fetch_add(1, std::memory_order_relaxed);
+      if (page.recoveries.load(std::memory_order_relaxed) != seenRecoveries_) recover();
+      if (ready <= 0) continue;
+      if (mountsFd_ >= 0 && (fds[1].revents & (POLLPRI | POLLERR))) {
+        pendingTable_ = readMountTable(mountsFd_);
+      }
+      if (!pendingTable_.empty()) {
+        std::unique_lock<std::mutex> lock(mutex_, std::try_to_lock);
+        if (lock.owns_lock() && !stopping_.load()) {
+          markMounts(pendingTable_);
+          pendingTable_.clear();
+        }
+      }
+      if (!(fds[0].revents & POLLIN)) continue;
+      const ssize_t n = read(fd, buffer_.data(), buffer_.size());
+      if (n <= 0) continue;
+      readPos_ = 0;
+      readEnd_ = static_cast<size_t>(n);
+    }
+    const auto* metadata = reinterpret_cast<const fanotify_event_metadata*>(&buffer_[readPos_]);
+    ssize_t left = static_cast<ssize_t>(readEnd_ - readPos_);
+    if (!FAN_EVENT_OK(metadata, left)) {
+      readPos_ = readEnd_;
+      continue;
+    }
+    if (metadata->vers != FANOTIFY_METADATA_VERSION) {
+      LOG_ERROR("Permission event of version %d; rest of the read dropped.", metadata->vers);
+      readPos_ = readEnd_;
+      continue;
+    }
+    // Taken before it is handled: should this thread's turn end while it
+    // answers, the next one goes on after it.
+    readPos_ += metadata->event_len;
+    if (metadata->mask & FAN_Q_OVERFLOW) {
+      LOG_ERROR("Permission event queue overflowed; the kernel allowed what was lost.");
+      continue;
+    }
+    if (metadata->fd < 0) continue;
+    // The observers' answer is run here rather than on a worker woken for
+    // it; should an observer hold it, another thread reads on meanwhile.
+    tarvex::itx::rtn::linux_platform::CallerHelps helps;
+    handle(metadata->fd, metadata->mask, metadata->pid);
     page.readerBeats.fetch_add(1, std::memory_order_relaxed);
-    if (page.recoveries.load(std::memory_order_relaxed) != seenRecoveries_) recover();
-    if (ready <= 0) continue;
-    if (mounts >= 0 && (fds[1].revents & (POLLPRI | POLLERR))) {
-      pendingTable = readMountTable(mounts);
-    }
-    if (!pendingTable.empty()) {
-      std::unique_lock<std::mutex> lock(mutex_, std::try_to_lock);
-      if (lock.owns_lock() && !stopping_.load()) {
-        markMounts(pendingTable);
-        pendingTable.clear();
-      }
-    }
-    if (!(fds[0].revents & POLLIN)) continue;
-    const ssize_t n = read(fd, buffer.data(), buffer.size());
-    if (n <= 0) continue;
-    const auto* metadata = reinterpret_cast<const fanotify_event_metadata*>(buffer.data());
-    ssize_t left = n;
-    while (FAN_EVENT_OK(metadata, left)) {
-      if (metadata->vers != FANOTIFY_METADATA_VERSION) {
-        LOG_ERROR("Permission event of version %d; rest of the read dropped.", metadata->vers);
-        break;
-      }
-      if (metadata->mask & FAN_Q_OVERFLOW) {
-        LOG_ERROR("Permission event queue overflowed; the kernel allowed what was lost.");
-      } else if (metadata->fd >= 0) {
-        handle(metadata->fd, metadata->mask, metadata->pid);
-        page.readerBeats.fetch_add(1, std::memory_order_relaxed);
-      }
-      metadata = FAN_EVENT_NEXT(metadata, left);
-    }
+    if (helps.holding() && !relay_->stepAway([&helps] { helps.help(); })) return;
   }
-  if (mounts >= 0) close(mounts);
 }
 
 }  // namespace endpointsecurity::linux_es

@@ -5,9 +5,10 @@
 #include <mutex>
 #include <set>
 #include <string>
-#include <thread>
 #include <unordered_set>
+#include <vector>
 
+#include "dispatch/looprelay.h"
 #include "es/hub/eventsource.h"
 
 namespace endpointsecurity::linux_es {
@@ -33,7 +34,8 @@ class LinuxEndpointSecurity;
 // of 0 deny, any others allow.
 class FanotifyAuthSource final : public IEventSource {
  public:
-  explicit FanotifyAuthSource(LinuxEndpointSecurity& hub);
+  FanotifyAuthSource(LinuxEndpointSecurity& hub,
+                     tarvex::itx::rtn::linux_platform::LoopRelay::Arm arm);
   ~FanotifyAuthSource() override;
 
   const char* name() const override { return "fanotify-auth"; }
@@ -66,7 +68,7 @@ class FanotifyAuthSource final : public IEventSource {
   const std::string loaderName_;  // the native ELF loader, as binaries name it
   std::string loader_;            // and resolved; empty once marking it failed
   bool loaderIgnored_ = false;
-  // Callers whose next exec open may be an interpreter (reader thread only).
+  // Callers whose next exec open may be an interpreter (the thread at the loop only).
   std::unordered_set<pid_t> awaiting_;
   std::mutex mutex_;
   // Shared with pending answers: the group stays open until the last one.
@@ -74,10 +76,18 @@ class FanotifyAuthSource final : public IEventSource {
   uint64_t mask_ = 0;
   std::set<std::string> marked_;  // mount paths
   std::set<dev_t> devices_;
-  std::thread thread_;
+  const tarvex::itx::rtn::linux_platform::LoopRelay::Arm arm_;
+  // Its threads take turns at run(), which keeps what it has read below so
+  // that the next turn goes on where the last one stopped.
+  std::unique_ptr<tarvex::itx::rtn::linux_platform::LoopRelay> relay_;
   std::atomic<bool> stopping_{false};
+  int mountsFd_ = -1;
+  std::string pendingTable_;  // a mount table not marked yet
+  std::vector<char> buffer_ = std::vector<char>(64 * 1024);
+  size_t readPos_ = 0;
+  size_t readEnd_ = 0;
   // Stall releases: recoveries acted on, and the counts already logged
-  // (reader thread only).
+  // (the thread at the loop only).
   uint64_t seenRecoveries_ = 0;
   uint64_t reportedUnseen_ = 0;
   uint64_t reportedPending_ = 0;
