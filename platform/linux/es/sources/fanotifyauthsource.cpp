@@ -82,8 +82,11 @@ std::string resolved(const std::string& path) {
 }
 
 // How long an observer may hold the reader before another thread reads on,
-// and how many may be held at once.
-constexpr std::chrono::milliseconds kPatience{2};
+// and how many may be held at once. Not shorter than the time the timer
+// thread's kernel timer is set ahead when idle, so that arming and
+// cancelling the check for every exec costs no system call: only an
+// observer that waits (a print filter for its verdict) is ever taken over.
+constexpr std::chrono::milliseconds kPatience{100};
 constexpr unsigned kMaxReaders = 4;
 
 // Callers awaiting an interpreter are few at a time; past this many, some
