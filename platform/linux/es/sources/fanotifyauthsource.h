@@ -32,6 +32,11 @@ class LinuxEndpointSecurity;
 // an observer asks for them. An AUTH_OPEN does not know the access the
 // caller asked for (the event's descriptor is the group's): answer flags
 // of 0 deny, any others allow.
+//
+// The reader runs the observers' answer itself once it has delivered an
+// event (CallerHelps), which spares every exec the wake-up of a worker;
+// should an observer hold it for 100 ms, another thread takes the reading
+// up (LoopRelay).
 class FanotifyAuthSource final : public IEventSource {
  public:
   FanotifyAuthSource(LinuxEndpointSecurity& hub,
