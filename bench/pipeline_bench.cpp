@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "clock/monotonicclock.h"
+#include "dispatch/callerhelps.h"
 #include "dispatch/linuxdispatch.h"
 #include "esclient/client.h"
 #include "latencycounters.h"
@@ -24,6 +25,7 @@ namespace {
 
 using lumo::testing::MessageBuilder;
 using lumo::testing::TestMessage;
+using tarvex::itx::rtn::linux_platform::CallerHelps;
 using tarvex::itx::rtn::linux_platform::LinuxDispatch;
 using tarvex::itx::rtn::linux_platform::MonotonicClock;
 
@@ -178,10 +180,13 @@ void BM_NotifyPipeline(benchmark::State& state) {
 BENCHMARK(BM_NotifyPipeline)->Arg(100000)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 // AUTH_EXEC that no observer answers, delivered at a steady rate; latency
-// from delivery to the client's default answer.
+// from delivery to the client's default answer. With the second argument
+// the delivering thread answers itself, as the permission reader does
+// (CallerHelps); without, a worker of the AUTH queue is handed each one.
 void BM_AuthAnswerLatency(benchmark::State& state) {
   Pipeline p;
   const int64_t rate = state.range(0);
+  const bool helping = state.range(1) != 0;
   const int64_t count = rate / 2;  // half a second of traffic per iteration
   std::vector<std::unique_ptr<TestMessage>> messages;
   for (int64_t i = 0; i < count; ++i) {
@@ -207,7 +212,13 @@ void BM_AuthAnswerLatency(benchmark::State& state) {
       es_message_t* m = messages[static_cast<size_t>(i)]->get();
       m->deadline = p.clock.now() + 60'000'000'000ull;
       deliveredAt[static_cast<size_t>(i)] = p.clock.now();
-      p.es.deliver(m);
+      if (helping) {
+        CallerHelps helps;
+        p.es.deliver(m);
+        helps.help();
+      } else {
+        p.es.deliver(m);
+      }
     }
     waitUntil(p.es.answers, before + static_cast<uint64_t>(count));
     for (int64_t i = 0; i < count; ++i) {
@@ -218,7 +229,10 @@ void BM_AuthAnswerLatency(benchmark::State& state) {
   state.SetItemsProcessed(static_cast<int64_t>(latenciesUs.size()));
   lumo::bench::reportLatencies(state, std::move(latenciesUs));
 }
-BENCHMARK(BM_AuthAnswerLatency)->Arg(50000)->Iterations(4)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_AuthAnswerLatency)
+    ->Args({50000, 0})
+    ->Args({50000, 1})
+    ->Iterations(4)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 }  // namespace
 
