@@ -148,7 +148,7 @@ void FanotifyAuthSource::closeGroup() {
   if (mountsFd_ >= 0) close(mountsFd_);
   mountsFd_ = -1;
   pendingTable_.clear();
-  readPos_ = readEnd_ = 0;
+  allowUnhandled();
   heartbeat().groupFd.store(-1);
   group_.reset();  // closed once no answer is pending; the kernel allows the rest
   marked_.clear();
@@ -156,6 +156,19 @@ void FanotifyAuthSource::closeGroup() {
   awaiting_.clear();
   loaderIgnored_ = false;
   mask_ = 0;
+}
+
+// Read but not handled when the loop stopped: allowed, as the kernel allows
+// what was never read once the group is closed, and their descriptors closed.
+void FanotifyAuthSource::allowUnhandled() {
+  while (group_ && readPos_ < readEnd_) {
+    const auto* metadata = reinterpret_cast<const fanotify_event_metadata*>(&buffer_[readPos_]);
+    ssize_t left = static_cast<ssize_t>(readEnd_ - readPos_);
+    if (!FAN_EVENT_OK(metadata, left)) break;
+    readPos_ += metadata->event_len;
+    if (metadata->fd >= 0) answer(*group_, metadata->fd, true);
+  }
+  readPos_ = readEnd_ = 0;
 }
 
 void FanotifyAuthSource::markMounts(const std::string& mountInfo) {

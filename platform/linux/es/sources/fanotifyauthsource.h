@@ -53,6 +53,7 @@ class FanotifyAuthSource final : public IEventSource {
 
  private:
   void closeGroup();
+  void allowUnhandled();
   void markMounts(const std::string& mountInfo);
   void run();
   void handle(int eventFd, uint64_t mask, pid_t pid);
