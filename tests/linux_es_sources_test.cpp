@@ -156,7 +156,7 @@ class Sink : public IEventSink, public IHandleResolver {
   bool path(std::string_view key, std::string& out) override {
     auto it = paths.find(key);
     if (it == paths.end()) return false;
-    out += it->second;
+    out = it->second;
     return true;
   }
   bool stat(const std::string& path, struct stat* st) override {

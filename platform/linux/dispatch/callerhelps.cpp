@@ -1,21 +1,15 @@
 #include "dispatch/callerhelps.h"
 
-#include <algorithm>
 #include <utility>
-#include <vector>
 
+#include "dispatch/heldtargets.h"
 #include "dispatch/workerpool.h"
 
 namespace tarvex::itx::rtn::linux_platform {
 
 namespace {
 
-struct Helping {
-  int depth = 0;
-  std::vector<std::shared_ptr<WorkerPool>> pools;
-};
-
-thread_local Helping helping;
+thread_local HeldTargets<WorkerPool> helping;
 
 }  // namespace
 
@@ -23,16 +17,13 @@ CallerHelps::CallerHelps() { ++helping.depth; }
 
 CallerHelps::~CallerHelps() {
   if (--helping.depth > 0) return;
-  std::vector<std::shared_ptr<WorkerPool>> pools;
-  pools.swap(helping.pools);
-  for (const auto& pool : pools) pool->wakeForQueued();
+  for (const auto& pool : helping.release()) pool->wakeForQueued();
 }
 
-bool CallerHelps::holding() const { return !helping.pools.empty(); }
+bool CallerHelps::holding() const { return !helping.targets.empty(); }
 
 void CallerHelps::help() {
-  std::vector<std::shared_ptr<WorkerPool>> pools;
-  pools.swap(helping.pools);
+  const auto pools = helping.release();
   // The tasks run here post as any worker's do: one that waits on what it
   // posts must not find it held back for a help that never comes.
   const int depth = std::exchange(helping.depth, 0);
@@ -40,12 +31,6 @@ void CallerHelps::help() {
   helping.depth = depth;
 }
 
-bool CallerHelps::take(const std::shared_ptr<WorkerPool>& pool) {
-  if (helping.depth == 0 || !pool) return false;
-  if (std::find(helping.pools.begin(), helping.pools.end(), pool) == helping.pools.end()) {
-    helping.pools.push_back(pool);
-  }
-  return true;
-}
+bool CallerHelps::take(const std::shared_ptr<WorkerPool>& pool) { return helping.hold(pool); }
 
 }  // namespace tarvex::itx::rtn::linux_platform

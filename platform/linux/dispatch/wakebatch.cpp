@@ -1,18 +1,12 @@
 #include "dispatch/wakebatch.h"
 
-#include <algorithm>
-#include <vector>
+#include "dispatch/heldtargets.h"
 
 namespace tarvex::itx::rtn::linux_platform {
 
 namespace {
 
-struct Pending {
-  int depth = 0;
-  std::vector<std::shared_ptr<Wakeable>> targets;
-};
-
-thread_local Pending pending;
+thread_local HeldTargets<Wakeable> pending;
 
 }  // namespace
 
@@ -20,17 +14,9 @@ WakeBatch::WakeBatch() { ++pending.depth; }
 
 WakeBatch::~WakeBatch() {
   if (--pending.depth > 0) return;
-  std::vector<std::shared_ptr<Wakeable>> targets;
-  targets.swap(pending.targets);
-  for (const auto& target : targets) target->wakeForQueued();
+  for (const auto& target : pending.release()) target->wakeForQueued();
 }
 
-bool WakeBatch::defer(const std::shared_ptr<Wakeable>& target) {
-  if (pending.depth == 0 || !target) return false;
-  if (std::find(pending.targets.begin(), pending.targets.end(), target) == pending.targets.end()) {
-    pending.targets.push_back(target);
-  }
-  return true;
-}
+bool WakeBatch::defer(const std::shared_ptr<Wakeable>& target) { return pending.hold(target); }
 
 }  // namespace tarvex::itx::rtn::linux_platform

@@ -127,7 +127,7 @@ class FrameWriter {
     *size = fieldSize(body);
     return true;
   }
-  // A Value holding the dictionary.
+  // A dictionary, as a Value holding it measures.
   bool measure(const Dictionary& d, int depth, size_t* size) {
     if (depth > kMaxValueDepth) return false;
     const size_t slot = noteBody();

@@ -206,13 +206,7 @@ void FanotifyDecoder::dispatch(Record& r) {
   if (opened && named) emitOpen(r, path_);
   if (r.mask & FAN_CLOSE_WRITE) {
     // Opened for writing is not modified: only a MODIFY since the open is.
-    bool modified = r.mask & FAN_MODIFY;
-    if (r.objectKey) {
-      if (auto it = modified_.find(*r.objectKey); it != modified_.end()) {
-        modified_.erase(it);
-        modified = true;
-      }
-    }
+    const bool modified = (r.mask & FAN_MODIFY) || (r.objectKey && forgetModified(*r.objectKey));
     if (named) emitClose(r, path_, modified);
   } else if ((r.mask & FAN_MODIFY) && r.objectKey) {
     if (modified_.size() >= kMaxModified) {
@@ -222,29 +216,33 @@ void FanotifyDecoder::dispatch(Record& r) {
     modified_.emplace(*r.objectKey);
   }
   if ((r.mask & FAN_DELETE) && r.entry) {
-    if (r.objectKey) {
-      if (auto it = modified_.find(*r.objectKey); it != modified_.end()) modified_.erase(it);
-    }
+    if (r.objectKey) forgetModified(*r.objectKey);
     if (pathOf(*r.entry, path_)) emitUnlink(r, path_);
   }
 }
 
-bool FanotifyDecoder::resolve(std::string_view key, std::string& out) {
-  out.clear();
-  return resolver_.path(key, out);
+bool FanotifyDecoder::forgetModified(std::string_view objectKey) {
+  auto it = modified_.find(objectKey);
+  if (it == modified_.end()) return false;
+  modified_.erase(it);
+  return true;
+}
+
+void FanotifyDecoder::join(std::string& out, const std::string& dir, std::string_view name) {
+  out = dir;
+  if (name.empty()) return;
+  if (out != "/") out += '/';
+  out += name;
 }
 
 bool FanotifyDecoder::pathOf(const Named& entry, std::string& out) {
-  if (!resolve(entry.dirKey, dir_)) {
+  if (!resolver_.path(entry.dirKey, dir_)) {
     ++counters_.unresolved;
     LOG_DEBUG("A directory handle did not resolve (%{public}s); event dropped.",
               std::string(entry.name).c_str());
     return false;
   }
-  out = dir_;
-  if (entry.name.empty()) return true;
-  if (out != "/") out += '/';
-  out += entry.name;
+  join(out, dir_, entry.name);
   return true;
 }
 
@@ -311,13 +309,11 @@ void FanotifyDecoder::emitRename(const Record& r, bool existing) {
   // path_: where it was; dir_: the directory it went to (most often the
   // one it was in); other_: its new path.
   if (!pathOf(*r.oldEntry, path_)) return;
-  if (r.newEntry->dirKey != r.oldEntry->dirKey && !resolve(r.newEntry->dirKey, dir_)) {
+  if (r.newEntry->dirKey != r.oldEntry->dirKey && !resolver_.path(r.newEntry->dirKey, dir_)) {
     ++counters_.unresolved;
     return;
   }
-  other_ = dir_;
-  if (other_ != "/") other_ += '/';
-  other_ += r.newEntry->name;
+  join(other_, dir_, r.newEntry->name);
   if (r.objectKey) rememberPath(*r.objectKey, other_);
   if (!sink_.wants(ES_EVENT_TYPE_NOTIFY_RENAME)) return;
   Message* m = begin(ES_EVENT_TYPE_NOTIFY_RENAME, r.pid);
@@ -352,7 +348,7 @@ void FanotifyDecoder::emitLink(const Record& r, const std::string& targetPath) {
   const std::string* known = knownPath(*r.objectKey);
   if (known != nullptr && *known != targetPath) {
     other_ = *known;
-  } else if (!resolve(*r.objectKey, other_) || other_ == targetPath) {
+  } else if (!resolver_.path(*r.objectKey, other_) || other_ == targetPath) {
     LOG_DEBUG("Link source of %{public}s is not known; the new name stands for it.",
               targetPath.c_str());
     other_ = targetPath;

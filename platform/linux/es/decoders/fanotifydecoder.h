@@ -27,8 +27,8 @@ class Message;
 class IHandleResolver {
  public:
   virtual ~IHandleResolver() = default;
-  // Appends the path to `out`; false, with `out` as it was, when the key
-  // does not resolve. Key is the fsid bytes followed by the handle bytes.
+  // Sets `out` to the path, reusing its room; false, with `out`
+  // unspecified, when the key does not resolve. Key is the fsid bytes followed by the handle bytes.
   virtual bool path(std::string_view key, std::string& out) = 0;
   virtual bool stat(const std::string& path, struct stat* st) = 0;
   // The object itself, by its key: what the event was about even if its
@@ -108,7 +108,10 @@ class FanotifyDecoder {
   // Fills `out` with the entry's path and dir_ with its directory; false
   // when the directory's handle does not resolve.
   bool pathOf(const Named& entry, std::string& out);
-  bool resolve(std::string_view key, std::string& out);
+  // `dir` and `name` joined into `out`; the directory itself for no name.
+  static void join(std::string& out, const std::string& dir, std::string_view name);
+  // Whether a MODIFY of the object was seen since it was opened; forgets it.
+  bool forgetModified(std::string_view objectKey);
   void rememberPath(std::string_view objectKey, std::string_view path);
   const std::string* knownPath(std::string_view objectKey) const;
 

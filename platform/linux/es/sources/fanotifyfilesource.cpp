@@ -309,7 +309,7 @@ bool FanotifyFileSource::path(std::string_view key, std::string& out) {
         known.checkedIn = read_;
       }
       if (S_ISDIR(known.st.st_mode)) lastDir_ = &known;
-      out += known.path;
+      out = known.path;
       return true;
     }
   }
@@ -323,7 +323,7 @@ bool FanotifyFileSource::path(std::string_view key, std::string& out) {
   close(fd);
   if (path.empty()) return false;
   const bool deleted = stripDeletedTail(path);
-  out += path;
+  out = path;
   if (!deleted && statted) {
     if (resolved_.size() >= kResolvedPaths) {
       resolved_.clear();
